@@ -1,0 +1,365 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "imagecache/imagecacheworker.h"
+#include "testutils.h"
+
+#include <QApplication>
+#include <QBuffer>
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QPainter>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cstdio>
+
+using namespace Dm::ScreenSaver;
+using TestUtils::LogEntry;
+using TestUtils::LogRecorder;
+
+namespace
+{
+const char childEnvironment[] = "ZAV_FITTING_CHILD_PATH";
+
+// Every pixel different from its neighbours, so that any shift of a copied
+// region shows.
+QImage patternImage(const QSize &size)
+{
+    QImage image(size, QImage::Format_RGB32);
+    for (int y = 0; y < size.height(); ++y) {
+        QRgb *line = reinterpret_cast<QRgb *>(image.scanLine(y));
+        for (int x = 0; x < size.width(); ++x) {
+            line[x] = qRgb(x % 256, y % 256, (x / 256 * 16 + y / 256) % 256);
+        }
+    }
+    return image;
+}
+
+QImage toRgb(const QPixmap &pixmap)
+{
+    return pixmap.toImage().convertToFormat(QImage::Format_RGB32);
+}
+
+LogEntry warning(const QString &text)
+{
+    return LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtWarningMsg, text};
+}
+}
+
+class ImageFittingTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    ImageCacheWorker m_worker;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+    }
+
+    void positionValues()
+    {
+        QCOMPARE(int(Stretch), 0);
+        QCOMPARE(int(Crop), 1);
+        QCOMPARE(int(Tile), 2);
+        QCOMPARE(int(Center), 3);
+    }
+
+    void cropScalesByExpandingAndTakesTheCentre()
+    {
+        const QImage source = patternImage(QSize(4000, 2000));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("crop.png"), source);
+
+        const QPixmap scaled = QPixmap(path).scaled(QSize(1920, 1080), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+        QCOMPARE(scaled.size(), QSize(2160, 1080));
+        const QImage expected = scaled.toImage().convertToFormat(QImage::Format_RGB32).copy(120, 0, 1920, 1080);
+
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Crop);
+        QCOMPARE(result.size(), QSize(1920, 1080));
+        QCOMPARE(result.devicePixelRatio(), 1.0);
+        QCOMPARE(toRgb(result), expected);
+        QVERIFY(recorder.entries().isEmpty());
+    }
+
+    void cropAtRatioTwoFillsTheWholeCanvas()
+    {
+        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("crop-white.png"), QSize(400, 300), Qt::white);
+        const QPixmap result = m_worker.crop(path, QSize(640, 360), 2.0);
+        QCOMPARE(result.size(), QSize(640, 360));
+        QCOMPARE(result.devicePixelRatio(), 2.0);
+        const QImage image = toRgb(result);
+        QCOMPARE(image.pixel(0, 0), qRgb(255, 255, 255));
+        QCOMPARE(image.pixel(639, 359), qRgb(255, 255, 255));
+        QCOMPARE(image.pixel(320, 180), qRgb(255, 255, 255));
+    }
+
+    void centerDrawsAtTheMiddle_data()
+    {
+        QTest::addColumn<double>("ratio");
+        QTest::addColumn<QPoint>("lastImagePixel");
+        QTest::newRow("ratio 1") << 1.0 << QPoint(1459, 789);
+        // At ratio 2 the image is drawn at (230, 145) logical, that is the
+        // same device pixel, but at its own logical size, twice as large.
+        QTest::newRow("ratio 2") << 2.0 << QPoint(1919, 1079);
+    }
+
+    void centerDrawsAtTheMiddle()
+    {
+        QFETCH(double, ratio);
+        QFETCH(QPoint, lastImagePixel);
+
+        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("center.png"), QSize(1000, 500), Qt::white);
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), ratio, Center);
+        QCOMPARE(result.size(), QSize(1920, 1080));
+        QCOMPARE(result.devicePixelRatio(), ratio);
+
+        const QImage image = toRgb(result);
+        const QRgb white = qRgb(255, 255, 255);
+        const QRgb black = qRgb(0, 0, 0);
+        QCOMPARE(image.pixel(460, 290), white);
+        QCOMPARE(image.pixel(459, 290), black);
+        QCOMPARE(image.pixel(460, 289), black);
+        QCOMPARE(image.pixel(lastImagePixel), white);
+        if (lastImagePixel.x() < 1919) {
+            QCOMPARE(image.pixel(lastImagePixel.x() + 1, lastImagePixel.y()), black);
+            QCOMPARE(image.pixel(lastImagePixel.x(), lastImagePixel.y() + 1), black);
+        }
+        QCOMPARE(image.pixel(0, 0), black);
+    }
+
+    void centerCutsALargeImageOnAllSides()
+    {
+        const QImage source = patternImage(QSize(3000, 2000));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("large.png"), source);
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Center);
+        // x = (1920 - 3000) / 2 = -540, y = (1080 - 2000) / 2 = -460.
+        QCOMPARE(toRgb(result), source.copy(540, 460, 1920, 1080));
+    }
+
+    void unknownPositionWarnsAndStretches()
+    {
+        const QImage source = patternImage(QSize(300, 200));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("seven.png"), source);
+
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 640, 480), 2.0, Position(7));
+        const QList<LogEntry> expected = {warning(QStringLiteral("ImageCacheWorker: Unknown positioning mode, return to stretching for the path: \"%1\"").arg(path))};
+        QCOMPARE(recorder.entries(), expected);
+        QCOMPARE(toRgb(result), toRgb(m_worker.stretch(path, QSize(640, 480))));
+        QCOMPARE(result.devicePixelRatio(), 1.0);
+    }
+
+    void missingFileGivesABlackCanvas_data()
+    {
+        QTest::addColumn<int>("position");
+        QTest::newRow("stretch") << int(Stretch);
+        QTest::newRow("crop") << int(Crop);
+        QTest::newRow("tile") << int(Tile);
+        QTest::newRow("center") << int(Center);
+    }
+
+    void missingFileGivesABlackCanvas()
+    {
+        QFETCH(int, position);
+        const QString path = m_dir.filePath(QStringLiteral("does-not-exist.jpg"));
+
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(10, 20, 300, 200), 1.5, Position(position));
+        const QList<LogEntry> expected = {warning(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path))};
+        QCOMPARE(recorder.entries(), expected);
+        QCOMPARE(result.size(), QSize(300, 200));
+        QCOMPARE(result.devicePixelRatio(), 1.5);
+        const QImage image = toRgb(result);
+        for (const QPoint &point : {QPoint(0, 0), QPoint(299, 199), QPoint(150, 100)}) {
+            QCOMPARE(image.pixel(point), qRgb(0, 0, 0));
+        }
+    }
+
+    void unreadableContentGivesABlackCanvas_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("text") << QByteArray("this is not an image\n");
+        QByteArray png;
+        {
+            QBuffer buffer(&png);
+            buffer.open(QIODevice::WriteOnly);
+            patternImage(QSize(64, 64)).save(&buffer, "PNG");
+        }
+        QTest::newRow("truncated png") << png.left(40);
+    }
+
+    void unreadableContentGivesABlackCanvas()
+    {
+        QFETCH(QByteArray, content);
+        const QString path = m_dir.filePath(QStringLiteral("bad-%1.jpg").arg(QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'))));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        file.close();
+
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 200, 150), 1.0, Crop);
+        QCOMPARE(recorder.texts(QtWarningMsg), QStringList(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path)));
+        QCOMPARE(result.size(), QSize(200, 150));
+        QCOMPARE(toRgb(result).pixel(100, 75), qRgb(0, 0, 0));
+    }
+
+    void stretchKeepsTheRatioOfTheFile()
+    {
+        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("stretch.png"), QSize(300, 100), QColor(10, 200, 30));
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 400, 400), 2.0, Stretch);
+        QCOMPARE(result.size(), QSize(400, 400));
+        QCOMPARE(result.devicePixelRatio(), 1.0);
+        QCOMPARE(toRgb(result).pixel(0, 0), qRgb(10, 200, 30));
+        QCOMPARE(toRgb(result).pixel(399, 399), qRgb(10, 200, 30));
+    }
+
+    void stretchOfAVanishedFileIsNull()
+    {
+        QVERIFY(m_worker.stretch(m_dir.filePath(QStringLiteral("vanished.png")), QSize(200, 200)).isNull());
+    }
+
+    void tileRepeatsFromTheTopLeft()
+    {
+        QImage source(100, 60, QImage::Format_RGB32);
+        source.fill(Qt::red);
+        source.setPixel(0, 0, qRgb(0, 0, 255));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tile.png"), source);
+
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 250, 130), 1.0, Tile);
+        QCOMPARE(result.size(), QSize(250, 130));
+        const QImage image = toRgb(result);
+        for (int x = 0; x < 250; x += 100) {
+            for (int y = 0; y < 130; y += 60) {
+                QCOMPARE(image.pixel(x, y), qRgb(0, 0, 255));
+                QCOMPARE(image.pixel(x + 1, y), qRgb(255, 0, 0));
+            }
+        }
+        QCOMPARE(image.pixel(249, 129), qRgb(255, 0, 0));
+    }
+
+    void tileAtRatioTwoOverlaps()
+    {
+        // Steps of 50 logical pixels, tiles of 100 logical pixels: each tile
+        // is overwritten by the next one from its middle on.
+        QImage source(100, 60, QImage::Format_RGB32);
+        source.fill(Qt::red);
+        source.setPixel(0, 0, qRgb(0, 0, 255));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tile2.png"), source);
+
+        const QPixmap result = m_worker.tile(path, QSize(400, 240), 2.0);
+        QCOMPARE(result.devicePixelRatio(), 2.0);
+        const QImage image = toRgb(result);
+        // Logical (50, 30) starts a tile: device (100, 60), two device pixels wide.
+        QCOMPARE(image.pixel(100, 60), qRgb(0, 0, 255));
+        QCOMPARE(image.pixel(101, 61), qRgb(0, 0, 255));
+        QCOMPARE(image.pixel(102, 60), qRgb(255, 0, 0));
+        QCOMPARE(image.pixel(0, 0), qRgb(0, 0, 255));
+    }
+
+    void tileWithAZeroStepDrawsNothing()
+    {
+        // 1 x 1 pixel at ratio 2: a step of int(0.5) = 0 would never advance.
+        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("dot.png"), QSize(1, 1), Qt::white);
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 300, 200), 2.0, Tile);
+        QCOMPARE(result.size(), QSize(300, 200));
+        QCOMPARE(result.devicePixelRatio(), 2.0);
+        QCOMPARE(toRgb(result).pixel(0, 0), qRgb(0, 0, 0));
+        QCOMPARE(toRgb(result).pixel(150, 100), qRgb(0, 0, 0));
+        QVERIFY(recorder.entries().isEmpty());
+    }
+
+    void tileOfAMissingFileDrawsNothing()
+    {
+        const QPixmap result = m_worker.tile(m_dir.filePath(QStringLiteral("gone.png")), QSize(300, 200), 1.0);
+        QCOMPARE(result.size(), QSize(300, 200));
+        QCOMPARE(toRgb(result).pixel(150, 100), qRgb(0, 0, 0));
+    }
+
+    void modesOfAVanishedFileGiveTheBlackCanvas()
+    {
+        const QString path = m_dir.filePath(QStringLiteral("vanished.png"));
+        for (const QPixmap &result : {m_worker.crop(path, QSize(200, 100), 1.0), m_worker.center(path, QSize(200, 100), 1.0)}) {
+            QCOMPARE(result.size(), QSize(200, 100));
+            QCOMPARE(toRgb(result).pixel(100, 50), qRgb(0, 0, 0));
+        }
+    }
+
+    void hugeDeclaredSizeIsNeverDecoded()
+    {
+        // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a
+        // 32-bit pixmap. Decoded in a child so that its peak memory is its own.
+        QImage mono(12000, 12000, QImage::Format_Mono);
+        mono.fill(0);
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono);
+        mono = QImage();
+        QVERIFY(QFileInfo(path).size() < 1024 * 1024);
+
+        QProcess child;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QString::fromLatin1(childEnvironment), path);
+        child.setProcessEnvironment(environment);
+        child.start(QCoreApplication::applicationFilePath(), QStringList());
+        QVERIFY(child.waitForFinished(120000));
+        QCOMPARE(child.exitStatus(), QProcess::NormalExit);
+        const QString output = QString::fromLatin1(child.readAllStandardOutput());
+        const QString errors = QString::fromLatin1(child.readAllStandardError());
+        QVERIFY2(child.exitCode() == 0, qPrintable(errors));
+
+        const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines.at(0), QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path));
+        QCOMPARE(lines.at(1), QStringLiteral("result 640x480 black"));
+        const qint64 peakKiB = lines.at(2).section(QLatin1Char(' '), 1).toLongLong();
+        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
+        // Decoding would take well over 576 MB; the child stays at the size
+        // of a small Qt program (larger under the sanitizers).
+        QVERIFY2(peakKiB > 0 && peakKiB < 300 * 1024, qPrintable(QString::number(peakKiB)));
+    }
+};
+
+// The child of hugeDeclaredSizeIsNeverDecoded: fit the file, report the
+// warnings, the result and the peak memory on standard output.
+static int runFittingChild(int argc, char **argv, const QString &path)
+{
+    QGuiApplication app(argc, argv);
+    QStringList warnings;
+    {
+        LogRecorder recorder;
+        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(0, 0, 640, 480), 1.0, Crop);
+        warnings = recorder.texts(QtWarningMsg);
+        for (const QString &text : warnings) {
+            std::printf("warning %s\n", qPrintable(text));
+        }
+        const bool black = !result.isNull() && result.toImage().pixel(320, 240) == qRgb(0, 0, 0);
+        std::printf("result %dx%d %s\n", result.width(), result.height(), black ? "black" : "not black");
+    }
+    std::printf("peak %lld\n", TestUtils::peakResidentKiB());
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    const QString childPath = qEnvironmentVariable(childEnvironment);
+    if (!childPath.isEmpty()) {
+        return runFittingChild(argc, argv, childPath);
+    }
+    QApplication app(argc, argv);
+    app.setAttribute(Qt::AA_Use96Dpi, true);
+    ImageFittingTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "imagefittingtest.moc"

@@ -1,0 +1,79 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#ifndef ZAV_TESTUTILS_H
+#define ZAV_TESTUTILS_H
+
+#include <QColor>
+#include <QImage>
+#include <QList>
+#include <QMutex>
+#include <QSize>
+#include <QString>
+#include <QStringList>
+#include <QtGlobal>
+
+#include <atomic>
+
+namespace TestUtils
+{
+struct LogEntry {
+    QString category;
+    QtMsgType type;
+    QString text;
+
+    bool operator==(const LogEntry &other) const
+    {
+        return category == other.category && type == other.type && text == other.text;
+    }
+};
+
+// Records every message (category, type, text) from any thread while it
+// lives, and restores the previous handler when it goes. Set the environment
+// variable ZAV_TEST_ECHO_LOG to also print what it records.
+class LogRecorder
+{
+public:
+    LogRecorder();
+    ~LogRecorder();
+    LogRecorder(const LogRecorder &) = delete;
+    LogRecorder &operator=(const LogRecorder &) = delete;
+
+    QList<LogEntry> entries() const;
+    // Entries of the plug-in's category only.
+    QList<LogEntry> slideShowEntries() const;
+    // Texts of the entries of the plug-in's category with this type.
+    QStringList texts(QtMsgType type) const;
+    int count(const QString &text) const;
+    void clear();
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message);
+
+    mutable QMutex m_mutex;
+    QList<LogEntry> m_entries;
+    QtMessageHandler m_previous = nullptr;
+    bool m_echo = false;
+    // Read by whichever thread logs.
+    static std::atomic<LogRecorder *> s_current;
+};
+
+// Turns the plug-in's debug output on or off through the logging rules.
+void setSlideShowDebugEnabled(bool enabled);
+
+// Writes a solid image and returns its path; the format follows the suffix.
+QString writeSolidImage(const QString &directory, const QString &fileName, const QSize &size, const QColor &color);
+// Writes the image and returns its path; fails the calling test on error.
+QString writeImage(const QString &directory, const QString &fileName, const QImage &image);
+
+// The process's peak resident memory in KiB (VmHWM), or -1.
+qint64 peakResidentKiB();
+
+// True when every pixel of both images matches within the fuzz per channel.
+bool fuzzyEqual(const QImage &actual, const QImage &expected, int fuzz, QString *why = nullptr);
+bool fuzzyColor(QRgb actual, const QColor &expected, int fuzz);
+}
+
+#endif // ZAV_TESTUTILS_H
