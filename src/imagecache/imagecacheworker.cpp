@@ -10,6 +10,8 @@
 #include <QColor>
 #include <QImage>
 #include <QImageReader>
+#include <QMetaObject>
+#include <QMutexLocker>
 #include <QPainter>
 #include <QPointF>
 #include <QRectF>
@@ -63,7 +65,232 @@ ImageCacheWorker::ImageCacheWorker(QObject *parent)
 {
 }
 
+// Runs in the worker's thread once its event loop has ended; nothing is
+// pending any more and nobody else holds the worker.
 ImageCacheWorker::~ImageCacheWorker() = default;
+
+bool ImageCacheWorker::isValidGeometry(const QRect &geometry)
+{
+    // On the raw coordinates, widened so that no rectangle overflows.
+    return qint64(geometry.right()) - geometry.left() > 127 && qint64(geometry.bottom()) - geometry.top() > 127;
+}
+
+QString ImageCacheWorker::getRequestKey(const QString &path, const QRect &geometry)
+{
+    return path + QLatin1Char('|') + QString::number(geometry.width(), 10) + QLatin1Char('x') + QString::number(geometry.height(), 10);
+}
+
+QPixmap ImageCacheWorker::takeCachedAtSize(const QString &path, const QSize &size)
+{
+    std::lock_guard<std::mutex> locker(containerLock);
+    const auto it = cache.constFind(path);
+    if (it == cache.constEnd() || it->size() != size) {
+        return QPixmap();
+    }
+    // A path that is used again becomes the youngest entry.
+    cacheOrder.removeOne(path);
+    cacheOrder.append(path);
+    return *it;
+}
+
+void ImageCacheWorker::storeImage(const QString &path, const QPixmap &pixmap)
+{
+    QStringList evicted;
+    QList<int> sizesAfterEviction;
+    int cacheSize = 0;
+    int orderSize = 0;
+    {
+        std::lock_guard<std::mutex> locker(containerLock);
+        if (cache.contains(path)) {
+            cacheOrder.removeOne(path);
+        }
+        cache.insert(path, pixmap);
+        cacheOrder.append(path);
+        while (cacheOrder.size() > maxCacheSize) {
+            const QString oldest = cacheOrder.takeFirst();
+            cache.remove(oldest);
+            evicted.append(oldest);
+            sizesAfterEviction.append(cache.size());
+        }
+        cacheSize = cache.size();
+        orderSize = cacheOrder.size();
+    }
+    for (int i = 0; i < evicted.size(); ++i) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image:" << evicted.at(i)
+                              << ". New size of the cache:" << sizesAfterEviction.at(i);
+    }
+    qCDebug(slideShowLog) << "ImageCacheWorker: The current size of the cache:" << cacheSize << ". Cache order size:" << orderSize;
+}
+
+QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position)
+{
+    if (!isValidGeometry(geometry)) {
+        qCWarning(slideShowLog) << "ImageCacheWorker: getCachedImage is called with invalid geometry, pass:" << geometry;
+        return QPixmap();
+    }
+    QPixmap pixmap;
+    {
+        // A lookup does not refresh the entry's age.
+        std::lock_guard<std::mutex> locker(containerLock);
+        const auto it = cache.constFind(path);
+        if (it == cache.constEnd() || it->size() != geometry.size()) {
+            return QPixmap();
+        }
+        pixmap = *it;
+    }
+    qCDebug(slideShowLog) << "ImageCacheWorker: return of a caching image for:" << path << geometry << devicePixelRatio << int(position);
+    return pixmap;
+}
+
+bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geometry, double devicePixelRatio, int position)
+{
+    if (cleaning.load()) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: the processing request has been rejected, as the cache cleaning is initiated:" << path;
+        return false;
+    }
+    const QString key = getRequestKey(path, geometry);
+    if (!isValidGeometry(geometry)) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: requestProcessimage is called with invalid geometry, pass:" << geometry;
+        return false;
+    }
+
+    // Already prepared: announce it here, in the caller's thread, so that the
+    // caller hears of it before this function returns.
+    const QPixmap cached = takeCachedAtSize(path, geometry.size());
+    if (!cached.isNull()) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: the image is already caching with the correct size, the request for the request:" << path;
+        Q_EMIT imageCached(path, cached);
+        return false;
+    }
+
+    // Waits here while the worker prepares an image.
+    QMutexLocker locker(&mutex);
+    bool alreadyPending = false;
+    {
+        std::lock_guard<std::mutex> containerLocker(containerLock);
+        alreadyPending = pendingRequests.contains(key);
+        if (!alreadyPending) {
+            pendingRequests.insert(key);
+        }
+    }
+    if (alreadyPending) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: the request is already waiting for the way:" << key;
+        return false;
+    }
+    qCDebug(slideShowLog) << "ImageCacheWorker: setting a request for image processing in the queue for:" << key;
+    QMetaObject::invokeMethod(this,
+                              "processImageInternal",
+                              Qt::QueuedConnection,
+                              Q_ARG(QString, path),
+                              Q_ARG(QRect, geometry),
+                              Q_ARG(qreal, devicePixelRatio),
+                              Q_ARG(int, position));
+    return true;
+}
+
+void ImageCacheWorker::processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position)
+{
+    qCDebug(slideShowLog) << "ImageCacheWorker: internal image processing:" << path;
+    QMutexLocker locker(&mutex);
+
+    QPixmap pixmap = takeCachedAtSize(path, screenGeom.size());
+    if (!pixmap.isNull()) {
+        qCDebug(slideShowLog)
+            << "ImageCacheWorker: The image has already been caching (from the other path) with the correct size, the passage of internal re -processing:"
+            << path;
+    } else {
+        pixmap = cachedImage(path, screenGeom, devicePixelRatio, Position(position));
+        if (pixmap.isNull()) {
+            qCWarning(slideShowLog) << "ImageCacheWorker: The processed image is equal to NULL for the way:" << path;
+        } else {
+            storeImage(path, pixmap);
+        }
+    }
+
+    bool lastOfACleaning = false;
+    {
+        std::lock_guard<std::mutex> containerLocker(containerLock);
+        pendingRequests.remove(getRequestKey(path, screenGeom));
+        lastOfACleaning = cleaning.load() && pendingRequests.isEmpty();
+    }
+    if (lastOfACleaning) {
+        requestsDone.wakeAll();
+    }
+    // Still under mutex, also for a null pixmap.
+    Q_EMIT imageCached(path, pixmap);
+}
+
+void ImageCacheWorker::clearAllCacheData()
+{
+    qCDebug(slideShowLog) << "ImageCacheWorker: the cleaning of all cache data is initiated.";
+    QMutexLocker locker(&mutex);
+    cleaning.store(true);
+
+    int pending = 0;
+    {
+        std::lock_guard<std::mutex> containerLocker(containerLock);
+        pending = pendingRequests.size();
+    }
+    bool timedOut = false;
+    if (pending > 0) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: waiting for completion " << pending << " awaiting requests ...";
+        // One bounded wait, no loop: a request that hangs leaves the worker
+        // in its cleaning state, and later requests are refused until a
+        // later clearing succeeds.
+        requestsDone.wait(&mutex, cleaningTimeout);
+        {
+            std::lock_guard<std::mutex> containerLocker(containerLock);
+            timedOut = !pendingRequests.isEmpty();
+        }
+        if (timedOut) {
+            qCWarning(slideShowLog) << "ImageCacheWorker: Timesout to wait for the completion of requests. Perhaps some requests were hanging.";
+        }
+    }
+    if (!timedOut) {
+        // Swapped out under the lock, released after it.
+        QMap<QString, QPixmap> oldCache;
+        QList<QString> oldOrder;
+        QSet<QString> oldPending;
+        {
+            std::lock_guard<std::mutex> containerLocker(containerLock);
+            oldCache.swap(cache);
+            oldOrder.swap(cacheOrder);
+            oldPending.swap(pendingRequests);
+            cleaning.store(false);
+        }
+    }
+    qCDebug(slideShowLog) << "ImageCacheWorker: All cache data are cleaned.";
+}
+
+QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position)
+{
+    if (!isValidGeometry(geometry)) {
+        qCWarning(slideShowLog) << "ImageCacheWorker: processImageSynchronously called with invalid geometry, pass:" << geometry;
+        return QPixmap(geometry.width(), geometry.height());
+    }
+    const QPixmap cached = takeCachedAtSize(path, geometry.size());
+    if (!cached.isNull()) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: return of a synchronously cached image for:" << path;
+        return cached;
+    }
+
+    qCDebug(slideShowLog) << "ImageCacheWorker: Image synchronous processing:" << path;
+    const QPixmap pixmap = cachedImage(path, geometry, devicePixelRatio, Position(position));
+    if (!pixmap.isNull()) {
+        // No eviction here: the next insertion by the worker enforces the bound.
+        std::lock_guard<std::mutex> locker(containerLock);
+        cache.insert(path, pixmap);
+        cacheOrder.removeOne(path);
+        cacheOrder.append(path);
+    }
+    return pixmap;
+}
+
+ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
+{
+    std::lock_guard<std::mutex> locker(containerLock);
+    return Snapshot{cache.keys(), cacheOrder, pendingRequests, cleaning.load()};
+}
 
 QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const
 {
