@@ -6,7 +6,8 @@
 #   scripts/run.sh main   install what is missing, build, say where the plug-in is
 #   scripts/run.sh test   install what is missing, build, run the whole test suite
 # Environment: ZAV_BUILD_DIR (default build), ZAV_SANITIZERS (for example
-# address,undefined or thread; empty for a normal build).
+# address,undefined or thread; empty for a normal build), ZAV_TEST_LABEL (run
+# only the tests with this CTest label).
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -46,7 +47,11 @@ main)
     echo "The plug-in is built: $(realpath "$module")"
     ;;
 test)
-    ctest --test-dir "$build_dir" --output-on-failure -j2
+    label=()
+    if [ -n "${ZAV_TEST_LABEL:-}" ]; then
+        label=(-L "$ZAV_TEST_LABEL")
+    fi
+    ctest --test-dir "$build_dir" --output-on-failure -j2 "${label[@]}"
     ;;
 *)
     echo "usage: $0 main|test" >&2

@@ -3,7 +3,25 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// The plug-in's entry. The factory that a host reaches through Qt's plug-in
-// mechanism comes with the screensaver widget; until then the module carries
-// the library alone.
-#include "plugin/slideshowconstants.h"
+#include "plugin/pluginslideshowloader.h"
+
+#include "slideshow/slideshow.h"
+
+namespace Dm
+{
+namespace ScreenSaver
+{
+PluginSlideShowLoader::PluginSlideShowLoader(QObject *parent)
+    : AbstractPluginScreenSaverLoader(nullptr)
+{
+    Q_UNUSED(parent)
+}
+
+PluginSlideShowLoader::~PluginSlideShowLoader() = default;
+
+AbstractScreenSaver *PluginSlideShowLoader::createScreenSaver(QWidget *parent) const
+{
+    return new SlideShow(parent);
+}
+}
+}

@@ -1,0 +1,252 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "slidelabel/slidelabel.h"
+
+#include "imagecache/imagecacheworker.h"
+#include "plugin/slideshowconstants.h"
+
+#include <KLocalizedString>
+
+#include <QColor>
+#include <QDir>
+#include <QFont>
+#include <QPainter>
+#include <QRectF>
+#include <QResizeEvent>
+#include <QThread>
+
+namespace Dm
+{
+namespace ScreenSaver
+{
+SlideLabel::SlideLabel(QWidget *parent)
+    : QLabel(parent)
+    , cacheThread(new QThread)
+{
+    // No parent: an object with a parent cannot move to another thread.
+    cacheWorker = new ImageCacheWorker(nullptr);
+    cacheWorker->moveToThread(cacheThread);
+    connect(cacheThread, &QThread::finished, cacheWorker, &QObject::deleteLater);
+    connect(this, &QObject::destroyed, cacheThread, &QThread::quit);
+    connect(cacheWorker, &ImageCacheWorker::imageCached, this, &SlideLabel::handleImageCached);
+    cacheThread->start();
+    qCDebug(slideShowLog) << "SlideLabel: Cache thread started.";
+}
+
+SlideLabel::~SlideLabel()
+{
+    shutdownCacheThread();
+    if (cacheThread->isRunning()) {
+        // The worker is still busy after the time-out. Destroying a running
+        // thread would abort the host, so let it end on its own: the worker
+        // is deleted when it finishes, and the thread object after it.
+        disconnect(this, &QObject::destroyed, cacheThread, &QThread::quit);
+        connect(cacheThread, &QThread::finished, cacheThread, &QObject::deleteLater);
+    } else {
+        delete cacheThread;
+    }
+}
+
+QRect SlideLabel::deviceGeometry() const
+{
+    const int ratio = devicePixelRatio();
+    return QRect(x(), y(), qRound(double(width()) * ratio), qRound(double(height()) * ratio));
+}
+
+void SlideLabel::requestImageCache(const QString &path)
+{
+    cacheWorker->requestProcessImage(path, deviceGeometry(), devicePixelRatioF(), int(position));
+}
+
+void SlideLabel::shutdownCacheThread()
+{
+    if (!cacheThread->isRunning()) {
+        return;
+    }
+    qCDebug(slideShowLog) << "SlideLabel: Waiting for cache thread to finish before closing...";
+    cacheThread->quit();
+    if (cacheThread->wait(5000)) {
+        return;
+    }
+    qCWarning(slideShowLog) << "SlideLabel: Cache thread did not finish correctly within the timeout.";
+}
+
+void SlideLabel::setDir(const QString &dir)
+{
+    qCDebug(slideShowLog) << "SlideLabel: Setting directory to:" << dir;
+    imageFiles.clear();
+    cacheWorker->clearAllCacheData();
+
+    const QDir directory(dir);
+    static const QStringList nameFilters = {
+        QStringLiteral("*.jpg"),
+        QStringLiteral("*.jpeg"),
+        QStringLiteral("*.bmp"),
+        QStringLiteral("*.pbm"),
+        QStringLiteral("*.pgm"),
+        QStringLiteral("*.ppm"),
+        QStringLiteral("*.xbm"),
+        QStringLiteral("*.xpm"),
+        QStringLiteral("*.png"),
+    };
+    // Files only (links to files included, hidden files not), the patterns
+    // matched regardless of case; NoSort keeps the directory's own order,
+    // which is by name ignoring case.
+    const QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
+    if (names.isEmpty()) {
+        qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dir);
+        imageFiles.clear();
+        return;
+    }
+    for (const QString &name : names) {
+        imageFiles.append(directory.filePath(name));
+    }
+
+    // The "previous" image of a fresh sequence is the one before the first
+    // in wrap-around order; it is not requested here.
+    previousKey = imageFiles.last();
+    currentKey = imageFiles.first();
+    currentIndex = 0;
+    requestImageCache(currentKey);
+    if (imageFiles.size() > 1) {
+        requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
+    }
+    // The first image shows without a fade, once the worker reports it.
+    opacity = 1.0;
+}
+
+void SlideLabel::setNext()
+{
+    if (imageFiles.size() < 2) {
+        return;
+    }
+    opacity = 0.0;
+    currentIndex = (currentIndex + 1) % imageFiles.size();
+    previousKey = currentKey;
+    currentKey = imageFiles.at(currentIndex);
+    update();
+    // The new current image was asked for one step earlier; only look ahead.
+    requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
+}
+
+void SlideLabel::setPosition(Position position)
+{
+    if (position == this->position) {
+        return;
+    }
+    this->position = position;
+    qCDebug(slideShowLog) << "SlideLabel: Setting position to:" << int(position);
+    // Every prepared pixmap was made for the old fitting mode.
+    cacheWorker->clearAllCacheData();
+    if (imageFiles.isEmpty()) {
+        return;
+    }
+    refillCache();
+}
+
+void SlideLabel::refillCache()
+{
+    requestImageCache(currentKey);
+    if (imageFiles.size() >= 2) {
+        requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
+        if (previousKey != currentKey) {
+            requestImageCache(previousKey);
+        }
+    }
+}
+
+void SlideLabel::setOpacity(double value)
+{
+    if (qFuzzyCompare(value, opacity)) {
+        return;
+    }
+    // Not clamped: the painter bounds the weights when drawing.
+    opacity = value;
+    update();
+}
+
+void SlideLabel::paintEvent(QPaintEvent *event)
+{
+    Q_UNUSED(event)
+    QPainter painter(this);
+    painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
+    painter.fillRect(rect(), Qt::transparent);
+
+    const QRect geometry = deviceGeometry();
+    const double ratio = devicePixelRatioF();
+    const QRectF target(0, 0, width(), height());
+
+    if (imageFiles.size() > 1) {
+        // Each slide goes straight onto the widget with its weight as the
+        // painter's opacity: source-over with a constant opacity gives the
+        // same pixels as a transparent layer drawn at that opacity and then
+        // composited, without filling two widget-sized layers per frame, and
+        // at a ratio above 1 it keeps the slides at full device resolution.
+        const QPixmap previous = cacheWorker->getCachedImage(previousKey, geometry, ratio, position);
+        if (previous.isNull()) {
+            qCDebug(slideShowLog) << "SlideLabel: Previous image is not available from worker for drawing:" << previousKey;
+        } else {
+            painter.setOpacity(1.0 - opacity);
+            painter.drawPixmap(target, previous, QRectF());
+        }
+        const QPixmap current = cacheWorker->getCachedImage(currentKey, geometry, ratio, position);
+        if (current.isNull()) {
+            qCDebug(slideShowLog) << "SlideLabel: Current image is not available from worker for drawing:" << currentKey;
+        } else {
+            painter.setOpacity(opacity);
+            painter.drawPixmap(target, current, QRectF());
+        }
+    } else if (imageFiles.size() == 1) {
+        // A single image is shown at full weight whatever the fade says.
+        const QPixmap only = cacheWorker->getCachedImage(currentKey, geometry, ratio, position);
+        if (only.isNull()) {
+            qCDebug(slideShowLog) << "SlideLabel: The only image is not available from worker for drawing:" << currentKey;
+        } else {
+            painter.drawPixmap(target, only, QRectF());
+        }
+    } else {
+        QFont font = painter.font();
+        // Below 50 pixels of width the size would be 0, which QFont refuses
+        // (with a warning on every paint); the painter's own size stays then.
+        const int pixelSize = width() / 50;
+        if (pixelSize > 0) {
+            font.setPixelSize(pixelSize);
+        }
+        painter.setFont(font);
+        painter.setPen(QColor(Qt::white));
+        painter.drawText(rect(),
+                         Qt::AlignCenter,
+                         ki18nd(ZAV_SLIDESHOW_TRANSLATION_DOMAIN, "The image is not found in the catalog or the catalog is not indicated in the settings ...")
+                             .toString());
+    }
+}
+
+void SlideLabel::resizeEvent(QResizeEvent *event)
+{
+    qCDebug(slideShowLog) << "SlideLabel: resizeEvent called with size:" << event->size();
+    QLabel::resizeEvent(event);
+    if (imageFiles.isEmpty()) {
+        return;
+    }
+    // Every prepared pixmap has the old size. No update() of our own: the
+    // toolkit repaints, and the worker's reports repaint again.
+    cacheWorker->clearAllCacheData();
+    refillCache();
+}
+
+void SlideLabel::handleImageCached(const QString &path, const QPixmap &pixmap)
+{
+    // The pixmap is not used: painting always takes the worker's cached copy.
+    Q_UNUSED(pixmap)
+    if (path == currentKey || path == previousKey) {
+        qCDebug(slideShowLog) << "SlideLabel: Image cached for current/previous key, triggering update:" << path;
+        update();
+        return;
+    }
+    qCDebug(slideShowLog) << "SlideLabel: Image cached, but not current/previous, update not required:" << path;
+}
+}
+}

@@ -1,0 +1,203 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "slideshow/slideshow.h"
+
+#include "plugin/slideshowconstants.h"
+#include "settings/slideshowsettingswidget.h"
+#include "slidelabel/slidelabel.h"
+
+#include <KLocalizedString>
+
+#include <QColor>
+#include <QEasingCurve>
+#include <QGraphicsDropShadowEffect>
+#include <QHBoxLayout>
+#include <QPointF>
+#include <QTimer>
+#include <QVariantAnimation>
+
+#include <limits>
+
+namespace Dm
+{
+namespace ScreenSaver
+{
+struct SlideShowPrivate {
+    // No Qt parent: it belongs to this record and goes with it.
+    QTimer timer;
+    QVariantAnimation *animation = nullptr;
+    SlideLabel *label = nullptr;
+    QVariantMap property;
+    // Created on first use; no Qt parent, deleted by the screensaver.
+    SlideShowSettingsWidget *settingWidget = nullptr;
+};
+
+namespace
+{
+// Seconds from the settings to the timer's milliseconds, without overflowing
+// int for absurd values (QTimer refuses negative ones itself).
+int intervalMilliseconds(int seconds)
+{
+    const qint64 milliseconds = qint64(seconds) * 1000;
+    return int(qBound<qint64>(std::numeric_limits<int>::min(), milliseconds, std::numeric_limits<int>::max()));
+}
+}
+
+SlideShow::SlideShow(QWidget *parent)
+    : AbstractScreenSaver(parent)
+    , d(new SlideShowPrivate)
+{
+    auto *layout = new QHBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+
+    d->label = new SlideLabel(this);
+    layout->addWidget(d->label, 0);
+
+    // Two drop shadows are made and configured but installed nowhere; they
+    // stay idle children of the screensaver.
+    for (int i = 0; i < 2; ++i) {
+        auto *shadow = new QGraphicsDropShadowEffect(this);
+        shadow->setBlurRadius(8.0);
+        shadow->setOffset(QPointF(0.0, 8.0));
+        shadow->setColor(QColor(0, 0, 0, 25));
+    }
+
+    d->animation = new QVariantAnimation(this);
+    d->animation->setCurrentTime(0);
+    d->animation->setStartValue(QVariant(0.0));
+    d->animation->setEndValue(QVariant(1.0));
+    d->animation->setEasingCurve(QEasingCurve::OutQuad);
+
+    d->timer.setSingleShot(true);
+
+    // Not through the virtual table: a subclass is not constructed yet.
+    SlideShow::setProperty(slideShowDefaultProperty);
+
+    // At the end of each fade the wait for the next switch begins.
+    connect(
+        d->animation,
+        &QAbstractAnimation::finished,
+        d->animation,
+        [this]() {
+            d->timer.start();
+        },
+        Qt::DirectConnection);
+    connect(d->animation, &QVariantAnimation::valueChanged, this, [this](const QVariant &value) {
+        d->label->setOpacity(value.toDouble());
+    });
+    connect(&d->timer, &QTimer::timeout, this, &SlideShow::updateSlide);
+}
+
+SlideShow::~SlideShow()
+{
+    // The dialog first, then the record; the children (label, effects,
+    // animation) go with the QWidget base afterwards.
+    delete d->settingWidget;
+    d->settingWidget = nullptr;
+    d.reset();
+}
+
+void SlideShow::start()
+{
+    d->timer.start();
+}
+
+void SlideShow::stop()
+{
+    // The label keeps the opacity the fade had reached.
+    d->animation->stop();
+    d->timer.stop();
+}
+
+QString SlideShow::name()
+{
+    return ki18nd(ZAV_SLIDESHOW_TRANSLATION_DOMAIN, "Slide show").toString();
+}
+
+const QString &SlideShow::settingGroupName()
+{
+    return slideShowName;
+}
+
+const QVariantMap &SlideShow::property() const
+{
+    return d->property;
+}
+
+const QVariantMap &SlideShow::defaultProperty() const
+{
+    return slideShowDefaultProperty;
+}
+
+void SlideShow::setProperty(QVariantMap property)
+{
+    QVariantMap working = slideShowDefaultProperty;
+    for (auto it = working.begin(); it != working.end(); ++it) {
+        it.value() = property.value(it.key(), it.value());
+    }
+    updateProperty(working);
+    if (d->settingWidget) {
+        d->settingWidget->setSilentProperty(working);
+    }
+}
+
+void SlideShow::updateProperty(QVariantMap property)
+{
+    qCDebug(slideShowLog) << "SlideShow set property:" << property;
+    d->property = property;
+    // Nothing is restarted: a running timer restarts itself with a new
+    // interval, a running fade goes on with its new duration.
+    for (auto it = property.cbegin(); it != property.cend(); ++it) {
+        const QString &key = it.key();
+        const QVariant &value = it.value();
+        if (key == QLatin1String("ImageDirectory")) {
+            d->label->setDir(value.toString());
+        } else if (key == QLatin1String("Effect")) {
+            d->animation->setDuration(value.toInt());
+        } else if (key == QLatin1String("Position")) {
+            d->label->setPosition(Position(value.toInt()));
+        } else if (key == QLatin1String("AutoSwitch")) {
+            d->timer.setInterval(intervalMilliseconds(value.toInt()));
+        }
+    }
+}
+
+void SlideShow::updateSlide()
+{
+    d->label->setNext();
+    d->animation->start(QAbstractAnimation::KeepWhenStopped);
+}
+
+AbstractSettingDialog *SlideShow::settingWidget()
+{
+    if (d->settingWidget) {
+        return d->settingWidget;
+    }
+    d->settingWidget = new SlideShowSettingsWidget(nullptr);
+    d->settingWidget->setSilentProperty(d->property);
+    connect(d->settingWidget, &AbstractSettingDialog::changed, this, [this]() {
+        setProperty(d->settingWidget->property());
+    });
+    return d->settingWidget;
+}
+
+SlideLabel *SlideShow::slideLabel() const
+{
+    return d->label;
+}
+
+QVariantAnimation *SlideShow::fadeAnimation() const
+{
+    return d->animation;
+}
+
+const QTimer &SlideShow::switchTimer() const
+{
+    return d->timer;
+}
+}
+}
