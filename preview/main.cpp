@@ -27,6 +27,7 @@
 #include <QWidget>
 
 #include <cstdio>
+#include <vector>
 
 namespace
 {
@@ -139,16 +140,46 @@ private:
     QSettings *m_settings;
 };
 
+namespace
+{
+// QGuiApplication takes "-plugin NAME" (and "--plugin NAME") as its own
+// option for generic input plug-ins. This program's --plugin must not reach
+// it, so the toolkit gets the arguments without it.
+std::vector<char *> toolkitArguments(int argc, char **argv)
+{
+    std::vector<char *> kept;
+    for (int i = 0; i < argc; ++i) {
+        const QByteArray argument(argv[i]);
+        if (i > 0 && (argument == "--plugin" || argument == "-plugin")) {
+            ++i;
+            continue;
+        }
+        if (i > 0 && (argument.startsWith("--plugin=") || argument.startsWith("-plugin="))) {
+            continue;
+        }
+        kept.push_back(argv[i]);
+    }
+    return kept;
+}
+}
+
 int main(int argc, char **argv)
 {
-    QApplication app(argc, argv);
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i) {
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    }
+    std::vector<char *> toolkitArgv = toolkitArguments(argc, argv);
+    int toolkitArgc = int(toolkitArgv.size());
+    toolkitArgv.push_back(nullptr);
+    QApplication app(toolkitArgc, toolkitArgv.data());
     QCoreApplication::setOrganizationName(QStringLiteral("zav"));
     QCoreApplication::setApplicationName(QStringLiteral("zav-screensaver-preview"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ZAV_VERSION));
 
     PreviewOptions options;
     QString error;
-    if (!parsePreviewOptions(QCoreApplication::arguments(), &options, &error)) {
+    if (!parsePreviewOptions(arguments, &options, &error)) {
         return fail(error, 2);
     }
 

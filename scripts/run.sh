@@ -22,7 +22,7 @@ packages=(
     cmake g++ make pkg-config
     qtbase5-dev qtbase5-dev-tools libqt5svg5
     libkf5i18n-dev extra-cmake-modules gettext
-    fonts-dejavu-core xvfb xauth
+    fonts-dejavu-core xvfb xauth locales
 )
 
 missing=()
