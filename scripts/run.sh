@@ -18,28 +18,7 @@ job=${1:-main}
 build_dir=${ZAV_BUILD_DIR:-build}
 sanitizers=${ZAV_SANITIZERS:-}
 
-packages=(
-    cmake g++ make pkg-config
-    qtbase5-dev qtbase5-dev-tools libqt5svg5
-    libkf5i18n-dev extra-cmake-modules gettext
-    fonts-dejavu-core xvfb xauth locales
-)
-
-missing=()
-for package in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
-        missing+=("$package")
-    fi
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    sudo=()
-    if [ "$(id -u)" -ne 0 ]; then
-        sudo=(sudo)
-    fi
-    echo "Installing: ${missing[*]}"
-    "${sudo[@]}" apt-get update -qq
-    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+bash scripts/install-packages.sh
 
 cmake -S . -B "$build_dir" -DZAV_SANITIZERS="$sanitizers" >/dev/null
 cmake --build "$build_dir" -j2
