@@ -296,6 +296,54 @@ private Q_SLOTS:
         }
     }
 
+    void decodingOnceGivesTheSamePixels_data()
+    {
+        QTest::addColumn<int>("position");
+        QTest::addColumn<double>("ratio");
+        QTest::addColumn<QSize>("imageSize");
+        const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"tile", Tile}, {"center", Center}};
+        for (const auto &mode : modes) {
+            for (double ratio : {1.0, 1.5, 2.0}) {
+                for (const QSize &size : {QSize(700, 300), QSize(90, 130)}) {
+                    QTest::addRow("%s ratio %.1f %dx%d", mode.first, ratio, size.width(), size.height()) << mode.second << ratio << size;
+                }
+            }
+        }
+    }
+
+    void decodingOnceGivesTheSamePixels()
+    {
+        // cachedImage hands the pixmap it loaded to the mode; the path-taking
+        // mode functions load the file again, as every mode once did.
+        QFETCH(int, position);
+        QFETCH(double, ratio);
+        QFETCH(QSize, imageSize);
+        QImage source = patternImage(imageSize).convertToFormat(QImage::Format_ARGB32);
+        source.setPixel(3, 3, qRgba(10, 20, 30, 40));
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("once-%1x%2.png").arg(imageSize.width()).arg(imageSize.height()), source);
+        const QSize target(480, 270);
+
+        const QPixmap once = m_worker.cachedImage(path, QRect(QPoint(5, 7), target), ratio, Position(position));
+        QPixmap twice;
+        switch (position) {
+        case Stretch:
+            twice = m_worker.stretch(path, target);
+            break;
+        case Crop:
+            twice = m_worker.crop(path, target, ratio);
+            break;
+        case Tile:
+            twice = m_worker.tile(path, target, ratio);
+            break;
+        default:
+            twice = m_worker.center(path, target, ratio);
+            break;
+        }
+        QCOMPARE(once.size(), twice.size());
+        QCOMPARE(once.devicePixelRatio(), twice.devicePixelRatio());
+        QCOMPARE(once.toImage(), twice.toImage());
+    }
+
     void hugeDeclaredSizeIsNeverDecoded()
     {
         // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a

@@ -307,31 +307,51 @@ QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry
         return canvas;
     }
 
+    // The mode works on the pixmap loaded here: each file is decoded once.
     const QSize size = canvas.size();
     switch (position) {
     case Stretch:
-        return stretch(path, size);
+        return stretch(loaded, size);
     case Crop:
-        return crop(path, size, devicePixelRatio);
+        return crop(loaded, size, devicePixelRatio);
     case Tile:
-        return tile(path, size, devicePixelRatio);
+        return tile(loaded, size, devicePixelRatio);
     case Center:
-        return center(path, size, devicePixelRatio);
+        return center(loaded, size, devicePixelRatio);
     }
     qCWarning(slideShowLog) << "ImageCacheWorker: Unknown positioning mode, return to stretching for the path:" << path;
-    return stretch(path, size);
+    return stretch(loaded, size);
 }
 
 QPixmap ImageCacheWorker::stretch(const QString &path, const QSize &size) const
 {
-    // Unlike the other modes no canvas and no ratio: the result keeps the
-    // ratio of the loaded file.
-    return QPixmap(path).scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    return stretch(QPixmap(path), size);
 }
 
 QPixmap ImageCacheWorker::crop(const QString &path, const QSize &size, double devicePixelRatio) const
 {
-    const QPixmap loaded(path);
+    return crop(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::tile(const QString &path, const QSize &size, double devicePixelRatio) const
+{
+    return tile(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::center(const QString &path, const QSize &size, double devicePixelRatio) const
+{
+    return center(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::stretch(const QPixmap &loaded, const QSize &size) const
+{
+    // Unlike the other modes no canvas and no ratio: the result keeps the
+    // ratio of the loaded file.
+    return loaded.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+}
+
+QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
+{
     QPixmap canvas = blackCanvas(size, devicePixelRatio);
     if (loaded.isNull() || canvas.isNull()) {
         return canvas;
@@ -366,9 +386,8 @@ QPixmap ImageCacheWorker::crop(const QString &path, const QSize &size, double de
     return canvas;
 }
 
-QPixmap ImageCacheWorker::tile(const QString &path, const QSize &size, double devicePixelRatio) const
+QPixmap ImageCacheWorker::tile(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    const QPixmap loaded(path);
     QPixmap canvas = blackCanvas(size, devicePixelRatio);
 
     // Positions are logical coordinates while the bounds are the canvas's
@@ -382,20 +401,21 @@ QPixmap ImageCacheWorker::tile(const QString &path, const QSize &size, double de
         return canvas;
     }
 
+    // Converted once for all tiles.
+    const QImage image = loaded.toImage();
     QPainter painter(&canvas);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
     for (int x = 0; x < size.width(); x += stepX) {
         for (int y = 0; y < size.height(); y += stepY) {
-            painter.drawImage(QPointF(x, y), loaded.toImage());
+            painter.drawImage(QPointF(x, y), image);
         }
     }
     painter.end();
     return canvas;
 }
 
-QPixmap ImageCacheWorker::center(const QString &path, const QSize &size, double devicePixelRatio) const
+QPixmap ImageCacheWorker::center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    const QPixmap loaded(path);
     QPixmap canvas = blackCanvas(size, devicePixelRatio);
     if (loaded.isNull() || canvas.isNull()) {
         return canvas;

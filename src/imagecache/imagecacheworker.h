@@ -78,10 +78,19 @@ public:
     // An unreadable (or too large) file gives a black pixmap of that size.
     QPixmap cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const;
 
+    // The fitting modes, for callers that have only a path: each loads the
+    // file itself.
     QPixmap stretch(const QString &path, const QSize &size) const;
     QPixmap crop(const QString &path, const QSize &size, double devicePixelRatio) const;
     QPixmap tile(const QString &path, const QSize &size, double devicePixelRatio) const;
     QPixmap center(const QString &path, const QSize &size, double devicePixelRatio) const;
+
+    // The same on an image already loaded, so that cachedImage decodes each
+    // file once.
+    QPixmap stretch(const QPixmap &loaded, const QSize &size) const;
+    QPixmap crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
+    QPixmap tile(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
+    QPixmap center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
 
 Q_SIGNALS:
     void imageCached(const QString &path, const QPixmap &pixmap);

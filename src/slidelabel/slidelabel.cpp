@@ -188,14 +188,16 @@ void SlideLabel::paintEvent(QPaintEvent *event)
         const QPixmap previous = cacheWorker->getCachedImage(previousKey, geometry, ratio, position);
         if (previous.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: Previous image is not available from worker for drawing:" << previousKey;
-        } else {
+        } else if (1.0 - opacity > 0.0) {
+            // A weight of 0 or less changes no pixel: the painter bounds it
+            // to 0, and source-over at opacity 0 leaves the widget as it is.
             painter.setOpacity(1.0 - opacity);
             painter.drawPixmap(target, previous, QRectF());
         }
         const QPixmap current = cacheWorker->getCachedImage(currentKey, geometry, ratio, position);
         if (current.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: Current image is not available from worker for drawing:" << currentKey;
-        } else {
+        } else if (opacity > 0.0) {
             painter.setOpacity(opacity);
             painter.drawPixmap(target, current, QRectF());
         }
