@@ -66,8 +66,17 @@ ImageCacheWorker::ImageCacheWorker(QObject *parent)
 }
 
 // Runs in the worker's thread once its event loop has ended; nothing is
-// pending any more and nobody else holds the worker.
-ImageCacheWorker::~ImageCacheWorker() = default;
+// pending any more and nobody else uses the worker. The containers are
+// emptied under their lock all the same: the GUI thread's last use of them is
+// ordered before this only through Qt's own locks, which the thread
+// sanitizer cannot see, and the lock makes that order visible to it.
+ImageCacheWorker::~ImageCacheWorker()
+{
+    std::lock_guard<std::mutex> locker(containerLock);
+    cache.clear();
+    cacheOrder.clear();
+    pendingRequests.clear();
+}
 
 bool ImageCacheWorker::isValidGeometry(const QRect &geometry)
 {
