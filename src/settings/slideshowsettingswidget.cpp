@@ -4,6 +4,7 @@
 */
 
 #include "settings/slideshowsettingswidget.h"
+#include "settings/slideshowsettingswidget_p.h"
 
 #include "plugin/slideshowconstants.h"
 
@@ -64,28 +65,6 @@ QMap<QString, Data> positionsData()
     };
 }
 
-class SlideShowSettingsWidget::Private
-{
-public:
-    QComboBox *initEffectsCheckBox();
-    QComboBox *initPositionsCheckBox();
-
-    QLineEdit *directoryLineEdit = nullptr;
-    QPushButton *openButton = nullptr;
-    QLabel *autoSwitchLabel = nullptr;
-    QSpinBox *autoSwitchSpinBox = nullptr;
-    QLabel *effectLabel = nullptr;
-    QComboBox *effectComboBox = nullptr;
-    QComboBox *alignmentComboBox = nullptr;
-    // What was last loaded (plus a directory picked with Open): what Cancel
-    // restores and what OK compares against.
-    QMap<QString, QVariant> savedProperty;
-    // What the controls have written so far; returned by property().
-    QMap<QString, QVariant> editedProperty;
-
-private:
-    static QComboBox *fillComboBox(QComboBox *&box, const QMap<QString, Data> &table);
-};
 
 QComboBox *SlideShowSettingsWidget::Private::fillComboBox(QComboBox *&box, const QMap<QString, Data> &table)
 {

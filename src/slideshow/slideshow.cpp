@@ -170,6 +170,12 @@ void SlideShow::updateSlide()
 {
     d->label->setNext();
     d->animation->start(QAbstractAnimation::KeepWhenStopped);
+    // The animation reports only values that differ from its last one. With a
+    // fade of 0 ms it ends at once on 1.0, the value the previous fade ended
+    // on, and reports nothing: the new slide would stay at the opacity 0 that
+    // setNext gave it. Hand the label the value the fade stands at now (for a
+    // running fade that is its start, 0.0, which changes nothing).
+    d->label->setOpacity(d->animation->currentValue().toDouble());
 }
 
 AbstractSettingDialog *SlideShow::settingWidget()
