@@ -298,7 +298,12 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
 ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
 {
     std::lock_guard<std::mutex> locker(containerLock);
-    return Snapshot{cache.keys(), cacheOrder, pendingRequests, cleaning.load()};
+    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, cleaning.load()};
+    // Deep copies, made under the lock: an implicitly shared copy would be
+    // read by the caller while the worker changes the original in place.
+    snapshot.cacheOrder.detach();
+    snapshot.pendingRequests.detach();
+    return snapshot;
 }
 
 QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const

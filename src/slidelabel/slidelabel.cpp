@@ -32,6 +32,11 @@ SlideLabel::SlideLabel(QWidget *parent)
     connect(cacheThread, &QThread::finished, cacheWorker, &QObject::deleteLater);
     connect(this, &QObject::destroyed, cacheThread, &QThread::quit);
     connect(cacheWorker, &ImageCacheWorker::imageCached, this, &SlideLabel::handleImageCached);
+    // Only takes effect for a thread abandoned by the destructor: a thread
+    // that ends in time is deleted there, which drops the posted deletion.
+    // Made here rather than at the time-out, where the thread could end
+    // between the check and the connection and never be deleted.
+    connect(cacheThread, &QThread::finished, cacheThread, &QObject::deleteLater);
     cacheThread->start();
     qCDebug(slideShowLog) << "SlideLabel: Cache thread started.";
 }
@@ -44,7 +49,6 @@ SlideLabel::~SlideLabel()
         // thread would abort the host, so let it end on its own: the worker
         // is deleted when it finishes, and the thread object after it.
         disconnect(this, &QObject::destroyed, cacheThread, &QThread::quit);
-        connect(cacheThread, &QThread::finished, cacheThread, &QObject::deleteLater);
     } else {
         delete cacheThread;
     }
