@@ -8,7 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QLoggingCategory>
-#include <QMutexLocker>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -30,6 +29,9 @@ LogRecorder::~LogRecorder()
 {
     qInstallMessageHandler(m_previous);
     s_current = nullptr;
+    // A thread that was logging as the handler went may still be appending.
+    std::lock_guard<std::mutex> locker(m_mutex);
+    m_entries.clear();
 }
 
 void LogRecorder::handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
@@ -40,7 +42,7 @@ void LogRecorder::handler(QtMsgType type, const QMessageLogContext &context, con
     }
     const QString category = QString::fromLatin1(context.category ? context.category : "default");
     {
-        QMutexLocker locker(&recorder->m_mutex);
+        std::lock_guard<std::mutex> locker(recorder->m_mutex);
         recorder->m_entries.append(LogEntry{category, type, message});
     }
     if (recorder->m_echo) {
@@ -54,7 +56,7 @@ void LogRecorder::handler(QtMsgType type, const QMessageLogContext &context, con
 
 QList<LogEntry> LogRecorder::entries() const
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard<std::mutex> locker(m_mutex);
     return m_entries;
 }
 
@@ -96,7 +98,7 @@ int LogRecorder::count(const QString &text) const
 
 void LogRecorder::clear()
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard<std::mutex> locker(m_mutex);
     m_entries.clear();
 }
 

@@ -1,0 +1,267 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+// Shared by the tests of ImageCacheWorker: the worker on its own thread as
+// the slide label runs it, a receiver of its reports, a way to hold its
+// thread, and the log lines it writes.
+
+#ifndef ZAV_IMAGECACHETESTHELPERS_H
+#define ZAV_IMAGECACHETESTHELPERS_H
+
+#include "imagecache/imagecacheworker.h"
+#include "testutils.h"
+
+#include <QCoreApplication>
+#include <QList>
+#include <QMetaObject>
+#include <QObject>
+#include <QPixmap>
+#include <QString>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace ImageCacheTest
+{
+// Generous: the sanitizer builds decode and scale many times slower.
+const int asyncTimeout = 20000;
+
+inline TestUtils::LogEntry debug(const QString &text)
+{
+    return TestUtils::LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtDebugMsg, text};
+}
+
+inline TestUtils::LogEntry warning(const QString &text)
+{
+    return TestUtils::LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtWarningMsg, text};
+}
+
+// QDebug prints a QString value between double quotes.
+inline QString quoted(const QString &text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+inline QString describe(const QList<TestUtils::LogEntry> &entries)
+{
+    QString text;
+    for (const TestUtils::LogEntry &entry : entries) {
+        text += QStringLiteral("\n  [%1] %2").arg(int(entry.type)).arg(entry.text);
+    }
+    return text;
+}
+
+// Compares the plug-in's log lines with the expected ones (a braced list)
+// and prints both on a mismatch.
+#define COMPARE_LOG(recorder, ...)                                                                                                                             \
+    do {                                                                                                                                                       \
+        const QList<TestUtils::LogEntry> actualEntries = (recorder).slideShowEntries();                                                                        \
+        const QList<TestUtils::LogEntry> expectedEntries = __VA_ARGS__;                                                                                        \
+        QVERIFY2(actualEntries == expectedEntries,                                                                                                             \
+                 qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(ImageCacheTest::describe(actualEntries), ImageCacheTest::describe(expectedEntries)))); \
+    } while (false)
+
+inline std::mutex &handoffMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+// Runs function in the thread of context, queued. Qt's event queue orders
+// the call after everything this thread did before posting it, but through
+// locks that ThreadSanitizer cannot see (Qt is not instrumented). Holding
+// this mutex while posting, and taking it first in the call, shows that
+// order to it.
+template<typename Function>
+void postTo(QObject *context, Function function)
+{
+    std::lock_guard<std::mutex> posting(handoffMutex());
+    QMetaObject::invokeMethod(
+        context,
+        [function]() mutable {
+            {
+                std::lock_guard<std::mutex> received(handoffMutex());
+            }
+            function();
+        },
+        Qt::QueuedConnection);
+}
+
+// Holds a thread inside one queued call until released, so that requests
+// queue up behind it. The call does not touch the worker. The state is
+// shared with the call, so it outlives this object if the thread does.
+class ThreadBlocker
+{
+public:
+    explicit ThreadBlocker(QObject *context)
+        : m_state(std::make_shared<State>())
+    {
+        std::shared_ptr<State> state = m_state;
+        postTo(context, [state] {
+            std::unique_lock<std::mutex> lock(state->mutex);
+            state->holding = true;
+            state->changed.notify_all();
+            state->changed.wait(lock, [&state] {
+                return state->released;
+            });
+        });
+    }
+
+    ~ThreadBlocker()
+    {
+        release();
+    }
+
+    ThreadBlocker(const ThreadBlocker &) = delete;
+    ThreadBlocker &operator=(const ThreadBlocker &) = delete;
+
+    // True once the thread is held.
+    bool waitUntilHolding()
+    {
+        std::unique_lock<std::mutex> lock(m_state->mutex);
+        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] {
+            return m_state->holding;
+        });
+    }
+
+    // From any thread.
+    void release()
+    {
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        m_state->released = true;
+        m_state->changed.notify_all();
+    }
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool holding = false;
+        bool released = false;
+    };
+    std::shared_ptr<State> m_state;
+};
+
+// What imageCached delivered to a receiver in the GUI thread, connected with
+// the automatic type as the slide label connects it.
+struct Report {
+    QString path;
+    QPixmap pixmap;
+    QThread *thread = nullptr;
+    bool duringRequest = false;
+};
+
+class Receiver : public QObject
+{
+public:
+    void handleImageCached(const QString &path, const QPixmap &pixmap)
+    {
+        reports.append(Report{path, pixmap, QThread::currentThread(), requestRunning});
+    }
+
+    // Only the GUI thread touches these: queued reports arrive there, and
+    // direct ones are made there.
+    QList<Report> reports;
+    bool requestRunning = false;
+};
+
+// The worker as the slide label runs it: no parent, moved to its own thread,
+// deleted there by deleteLater when the thread finishes.
+class WorkerFixture
+{
+public:
+    WorkerFixture()
+        : worker(new Dm::ScreenSaver::ImageCacheWorker(nullptr))
+    {
+        worker->moveToThread(&thread);
+        QObject::connect(&thread, &QThread::finished, worker, &QObject::deleteLater);
+        QObject::connect(worker, &Dm::ScreenSaver::ImageCacheWorker::imageCached, &receiver, &Receiver::handleImageCached);
+        // Connected before the thread starts, so that the thread sees these
+        // connections complete.
+        QObject::connect(
+            worker,
+            &Dm::ScreenSaver::ImageCacheWorker::imageCached,
+            &receiver,
+            [this] {
+                emittingThread.store(QThread::currentThread());
+            },
+            Qt::DirectConnection);
+        QObject::connect(
+            worker,
+            &QObject::destroyed,
+            &receiver,
+            [this] {
+                destroyedIn.store(QThread::currentThread());
+            },
+            Qt::DirectConnection);
+        thread.start();
+    }
+
+    ~WorkerFixture()
+    {
+        thread.quit();
+        thread.wait();
+        // QThread::wait() may return through Qt's own locks, which
+        // ThreadSanitizer does not see; reading what the worker's thread
+        // stored last, as the worker was destroyed, shows it that the thread
+        // is done with this object.
+        destroyedIn.load();
+    }
+
+    WorkerFixture(const WorkerFixture &) = delete;
+    WorkerFixture &operator=(const WorkerFixture &) = delete;
+
+    // requestProcessImage, with the receiver told that a request is running.
+    bool request(const QString &path, const QRect &geometry, double ratio = 1.0, int position = Dm::ScreenSaver::Crop)
+    {
+        receiver.requestRunning = true;
+        const bool queued = worker->requestProcessImage(path, geometry, ratio, position);
+        receiver.requestRunning = false;
+        return queued;
+    }
+
+    bool waitForReports(int count)
+    {
+        return QTest::qWaitFor(
+            [this, count] {
+                return receiver.reports.size() >= count;
+            },
+            asyncTimeout);
+    }
+
+    // Returns once everything queued to the worker so far has run and its
+    // queued reports have reached this thread: the marker that the worker's
+    // thread posts last is delivered after them.
+    bool flush()
+    {
+        auto reached = std::make_shared<std::atomic<bool>>(false);
+        postTo(worker, [reached] {
+            postTo(QCoreApplication::instance(), [reached] {
+                reached->store(true);
+            });
+        });
+        return QTest::qWaitFor(
+            [reached] {
+                return reached->load();
+            },
+            asyncTimeout);
+    }
+
+    QThread thread;
+    Dm::ScreenSaver::ImageCacheWorker *worker;
+    Receiver receiver;
+    // The thread of the last imageCached emission, and the thread in which
+    // the worker was destroyed.
+    std::atomic<QThread *> emittingThread{nullptr};
+    std::atomic<QThread *> destroyedIn{nullptr};
+};
+}
+
+#endif // ZAV_IMAGECACHETESTHELPERS_H
