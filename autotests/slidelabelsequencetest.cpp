@@ -1,0 +1,578 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+// The slide sequence of SlideLabel: which files a directory scan lists and in
+// which order, how setNext steps through them, and which images the label
+// asks its worker for (observed through the worker's debug lines) after
+// setDir, setNext and setPosition.
+
+#include "imagecache/imagecacheworker.h"
+#include "slidelabel/slidelabel.h"
+#include "slidelabeltesthelpers.h"
+#include "testutils.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+using namespace Dm::ScreenSaver;
+using namespace SlideLabelTest;
+using TestUtils::LogRecorder;
+
+namespace
+{
+const QSize labelSize(320, 240);
+
+// Writes a small PNG under each name, whatever its suffix says: the scan
+// only looks at names, and the worker recognises the content.
+QStringList writeFiles(const QString &directory, const QStringList &names, const QColor &color = QColor(Qt::white))
+{
+    QStringList paths;
+    for (const QString &name : names) {
+        QImage image(8, 8, QImage::Format_RGB32);
+        image.fill(color);
+        const QString path = QDir(directory).filePath(name);
+        if (!image.save(path, "PNG")) {
+            qWarning("could not write %s", qPrintable(path));
+        }
+        paths.append(path);
+    }
+    return paths;
+}
+
+QStringList joined(const QString &directory, const QStringList &names)
+{
+    QStringList paths;
+    for (const QString &name : names) {
+        paths.append(QDir(directory).filePath(name));
+    }
+    return paths;
+}
+
+LabelPointer makeLabel()
+{
+    LabelPointer label(new SlideLabel);
+    // Hidden: the size is taken at once, and no resize event refills the
+    // cache behind the test's back.
+    label->resize(labelSize);
+    return label;
+}
+
+LabelPointer makeShownLabel()
+{
+    LabelPointer label(new SlideLabel);
+    label->resize(labelSize);
+    label->show();
+    if (!QTest::qWaitForWindowExposed(label.get())) {
+        return nullptr;
+    }
+    QCoreApplication::processEvents();
+    return label;
+}
+
+QString criticalText(const QString &directory)
+{
+    return quoted(QStringLiteral("SlideLabel: The specified directory (%1) does not exist or does not contain image files.").arg(directory));
+}
+
+QString settingDirectoryLine(const QString &directory)
+{
+    return QStringLiteral("SlideLabel: Setting directory to: ") + quoted(directory);
+}
+
+QString queuedLine(const QString &path)
+{
+    return QStringLiteral("ImageCacheWorker: setting a request for image processing in the queue for: ")
+        + quoted(path + QStringLiteral("|%1x%2").arg(labelSize.width()).arg(labelSize.height()));
+}
+
+const QString clearingStarted = QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.");
+const QString clearingDone = QStringLiteral("ImageCacheWorker: All cache data are cleaned.");
+}
+
+class SlideLabelSequenceTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+    }
+
+    void setDirListsImagesInCaseInsensitiveNameOrder_data()
+    {
+        QTest::addColumn<QStringList>("names");
+        QTest::addColumn<QStringList>("directories");
+        QTest::addColumn<QStringList>("expected");
+
+        QTest::newRow("mixed case, a directory named like an image")
+            << QStringList{QStringLiteral("b.png"), QStringLiteral("A.jpg"), QStringLiteral("c.JPEG")} << QStringList{QStringLiteral("d.png")}
+            << QStringList{QStringLiteral("A.jpg"), QStringLiteral("b.png"), QStringLiteral("c.JPEG")};
+        // Compared as lower-case characters: '_' sorts before 'a' and 'z',
+        // while a case-sensitive order would put 'Z' first.
+        QTest::newRow("capitals after punctuation") << QStringList{QStringLiteral("Z.png"), QStringLiteral("_.png"), QStringLiteral("a.png")} << QStringList()
+                                                    << QStringList{QStringLiteral("_.png"), QStringLiteral("a.png"), QStringLiteral("Z.png")};
+        QTest::newRow("character by character, not numerically")
+            << QStringList{QStringLiteral("img10.png"), QStringLiteral("img2.png"), QStringLiteral("Img1.png")} << QStringList()
+            << QStringList{QStringLiteral("Img1.png"), QStringLiteral("img10.png"), QStringLiteral("img2.png")};
+        QTest::newRow("each of the nine patterns") << QStringList{QStringLiteral("i.png"),
+            QStringLiteral("h.xpm"),
+            QStringLiteral("g.xbm"),
+            QStringLiteral("f.ppm"),
+            QStringLiteral("e.pgm"),
+            QStringLiteral("d.pbm"),
+            QStringLiteral("c.bmp"),
+            QStringLiteral("b.jpeg"),
+            QStringLiteral("a.jpg")} << QStringList()
+                                                   << QStringList{QStringLiteral("a.jpg"),
+                                                          QStringLiteral("b.jpeg"),
+                                                          QStringLiteral("c.bmp"),
+                                                          QStringLiteral("d.pbm"),
+                                                          QStringLiteral("e.pgm"),
+                                                          QStringLiteral("f.ppm"),
+                                                          QStringLiteral("g.xbm"),
+                                                          QStringLiteral("h.xpm"),
+                                                          QStringLiteral("i.png")};
+        QTest::newRow("suffixes in any case")
+            << QStringList{QStringLiteral("Scan.BMP"), QStringLiteral("IMG.JPG"), QStringLiteral("x.JpEg"), QStringLiteral("photo.PNG")} << QStringList()
+            << QStringList{QStringLiteral("IMG.JPG"), QStringLiteral("photo.PNG"), QStringLiteral("Scan.BMP"), QStringLiteral("x.JpEg")};
+    }
+
+    void setDirListsImagesInCaseInsensitiveNameOrder()
+    {
+        QFETCH(QStringList, names);
+        QFETCH(QStringList, directories);
+        QFETCH(QStringList, expected);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        writeFiles(dir.path(), names);
+        for (const QString &name : directories) {
+            QVERIFY(QDir(dir.path()).mkdir(name));
+        }
+
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        QCOMPARE(label->files(), joined(dir.path(), expected));
+        QCOMPARE(label->currentImage(), joined(dir.path(), expected).first());
+    }
+
+    void setDirSkipsOtherFilesHiddenFilesAndDirectories()
+    {
+        QTemporaryDir dir;
+        QTemporaryDir elsewhere;
+        QVERIFY(dir.isValid() && elsewhere.isValid());
+        writeFiles(dir.path(),
+            {QStringLiteral("a.png"),
+                QStringLiteral("notes.txt"),
+                QStringLiteral(".hidden.png"),
+                QStringLiteral("README"),
+                QStringLiteral("a.png.txt"),
+                QStringLiteral("b.gif"),
+                QStringLiteral("c.tiff")});
+        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("d.png")));
+        const QString target = writeFiles(elsewhere.path(), {QStringLiteral("real.png")}).first();
+        // A link to a file is listed like the file; links to a directory or
+        // to nothing are not files.
+        QVERIFY(QFile::link(target, QDir(dir.path()).filePath(QStringLiteral("link.png"))));
+        QVERIFY(QFile::link(elsewhere.path(), QDir(dir.path()).filePath(QStringLiteral("dirlink.jpg"))));
+        QVERIFY(QFile::link(QDir(elsewhere.path()).filePath(QStringLiteral("gone.png")), QDir(dir.path()).filePath(QStringLiteral("broken.png"))));
+
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        QCOMPARE(label->files(), joined(dir.path(), {QStringLiteral("a.png"), QStringLiteral("link.png")}));
+    }
+
+    void setDirJoinsTheDirectoryAndTheNames_data()
+    {
+        QTest::addColumn<QString>("argument");
+        QTest::addColumn<QString>("expectedPrefix");
+
+        QTest::newRow("absolute") << QStringLiteral("%1/pictures") << QStringLiteral("%1/pictures/");
+        QTest::newRow("trailing slash") << QStringLiteral("%1/pictures/") << QStringLiteral("%1/pictures/");
+        QTest::newRow("relative") << QStringLiteral("pictures") << QStringLiteral("pictures/");
+    }
+
+    void setDirJoinsTheDirectoryAndTheNames()
+    {
+        QFETCH(QString, argument);
+        QFETCH(QString, expectedPrefix);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("pictures")));
+        writeFiles(QDir(dir.path()).filePath(QStringLiteral("pictures")), {QStringLiteral("b.png"), QStringLiteral("a.png")});
+
+        const QString previousCurrent = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(dir.path()));
+        LogRecorder log;
+        auto label = makeLabel();
+        log.clear();
+        const QString directory = argument.contains(QLatin1String("%1")) ? argument.arg(dir.path()) : argument;
+        label->setDir(directory);
+        QVERIFY(QDir::setCurrent(previousCurrent));
+
+        const QString prefix = expectedPrefix.contains(QLatin1String("%1")) ? expectedPrefix.arg(dir.path()) : expectedPrefix;
+        QCOMPARE(label->files(), QStringList({prefix + QStringLiteral("a.png"), prefix + QStringLiteral("b.png")}));
+        QCOMPARE(guiFlow(log).first(), settingDirectoryLine(directory));
+        // The worker is asked with the same paths.
+        QCOMPARE(requestedPaths(log), label->files());
+    }
+
+    void setDirWithThreeImagesStartsAtTheFirst()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")});
+
+        LogRecorder log;
+        auto label = makeLabel();
+        // Whatever the fade was doing, a new directory starts without one.
+        label->setOpacity(0.25);
+        log.clear();
+        label->setDir(dir.path());
+
+        QCOMPARE(label->files(), paths);
+        QCOMPARE(label->currentFileIndex(), 0);
+        QCOMPARE(label->currentImage(), paths.at(0));
+        // The one before the first in wrap-around order, not requested.
+        QCOMPARE(label->previousImage(), paths.at(2));
+        QCOMPARE(label->currentOpacity(), 1.0);
+        QCOMPARE(
+            guiFlow(log), QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
+        QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, settingDirectoryLine(dir.path())));
+    }
+
+    void setNextWrapsAroundAndPrefetchesOneAhead()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")});
+
+        LogRecorder log;
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        struct Step {
+            int index;
+            QString current;
+            QString previous;
+            QString request;
+        };
+        const Step steps[] = {
+            {1, paths.at(1), paths.at(0), paths.at(2)},
+            {2, paths.at(2), paths.at(1), paths.at(0)},
+            {0, paths.at(0), paths.at(2), paths.at(1)},
+        };
+        for (const Step &step : steps) {
+            // As the fade leaves it: the new slide fully shown.
+            label->setOpacity(1.0);
+            log.clear();
+            label->setNext();
+            QCOMPARE(label->currentFileIndex(), step.index);
+            QCOMPARE(label->currentImage(), step.current);
+            QCOMPARE(label->previousImage(), step.previous);
+            QCOMPARE(label->currentOpacity(), 0.0);
+            // One image ahead, exactly one request.
+            QCOMPARE(requestedPaths(log), QStringList{step.request});
+            QVERIFY(waitUntilIdle(label->worker()));
+        }
+    }
+
+    void setNextAsksTheWorkerForTheLookAheadImageOnly()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png"), QStringLiteral("d.png")});
+
+        LogRecorder log;
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        QVERIFY(waitUntilIdle(label->worker()));
+        log.clear();
+        label->setNext();
+        // b was requested by setDir; only c is new work.
+        QCOMPARE(workerRequests(log), QStringList{queued(paths.at(2), labelSize)});
+        QCOMPARE(guiFlow(log), QStringList{queuedLine(paths.at(2))});
+    }
+
+    void setNextRepaintsButSetDirDoesNot()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png")});
+
+        auto label = makeShownLabel();
+        QVERIFY(label);
+        EventCounter paints(label.get(), QEvent::Paint);
+        {
+            // Nothing gets cached meanwhile, so no report repaints either.
+            WorkerBlocker blocker(label->worker());
+            QVERIFY(blocker.isHolding());
+            label->setDir(dir.path());
+            QCoreApplication::sendPostedEvents();
+            QCoreApplication::processEvents();
+            QCOMPARE(paints.count(), 0);
+
+            label->setNext();
+            QCoreApplication::sendPostedEvents();
+            QCoreApplication::processEvents();
+            QCOMPARE(paints.count(), 1);
+        }
+    }
+
+    void setDirWithOneImageRequestsItOnceAndSetNextDoesNothing()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString path = writeFiles(dir.path(), {QStringLiteral("only.png")}).first();
+
+        LogRecorder log;
+        auto label = makeShownLabel();
+        QVERIFY(label);
+        log.clear();
+        label->setDir(dir.path());
+        QCOMPARE(label->files(), QStringList{path});
+        QCOMPARE(label->currentImage(), path);
+        QCOMPARE(label->previousImage(), path);
+        QCOMPARE(workerRequests(log), QStringList{queued(path, labelSize)});
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        EventCounter paints(label.get(), QEvent::Paint);
+        log.clear();
+        label->setNext();
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+        QCOMPARE(label->currentFileIndex(), 0);
+        QCOMPARE(label->currentImage(), path);
+        QCOMPARE(label->previousImage(), path);
+        QCOMPARE(label->currentOpacity(), 1.0);
+        QCOMPARE(log.slideShowEntries().size(), 0);
+        QCOMPARE(paints.count(), 0);
+    }
+
+    void setDirWithoutImagesLogsCriticalAndKeepsTheSequenceState_data()
+    {
+        QTest::addColumn<QString>("subdirectory");
+        QTest::addColumn<bool>("create");
+        QTest::addColumn<QStringList>("names");
+
+        QTest::newRow("missing directory") << QStringLiteral("missing") << false << QStringList();
+        QTest::newRow("empty directory") << QStringLiteral("empty") << true << QStringList();
+        QTest::newRow("no matching file") << QStringLiteral("other") << true << QStringList{QStringLiteral("notes.txt"), QStringLiteral(".hidden.png")};
+    }
+
+    void setDirWithoutImagesLogsCriticalAndKeepsTheSequenceState()
+    {
+        QFETCH(QString, subdirectory);
+        QFETCH(bool, create);
+        QFETCH(QStringList, names);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")});
+        const QString bad = QDir(dir.path()).filePath(subdirectory);
+        if (create) {
+            QVERIFY(QDir(dir.path()).mkdir(subdirectory));
+            writeFiles(bad, names);
+        }
+
+        LogRecorder log;
+        auto label = makeShownLabel();
+        QVERIFY(label);
+        label->setDir(dir.path());
+        label->setNext();
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        EventCounter paints(label.get(), QEvent::Paint);
+        log.clear();
+        label->setDir(bad);
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+
+        QVERIFY(label->files().isEmpty());
+        QCOMPARE(label->currentFileIndex(), 1);
+        QCOMPARE(label->currentImage(), paths.at(1));
+        QCOMPARE(label->previousImage(), paths.at(0));
+        QCOMPARE(label->currentOpacity(), 0.0);
+        QCOMPARE(log.texts(QtCriticalMsg), QStringList{criticalText(bad)});
+        QCOMPARE(log.slideShowEntries().last(), entry(QtCriticalMsg, criticalText(bad)));
+        QCOMPARE(guiFlow(log), QStringList({settingDirectoryLine(bad), clearingStarted, clearingDone, criticalText(bad)}));
+        QCOMPARE(paints.count(), 0);
+        // The cache was emptied before the scan.
+        QVERIFY(label->worker()->snapshot().cachedPaths.isEmpty());
+
+        // Nothing to step through or to ask for until a scan finds images.
+        log.clear();
+        label->setNext();
+        label->setPosition(Crop);
+        QCOMPARE(label->currentImage(), paths.at(1));
+        QCOMPARE(guiFlow(log), QStringList({QStringLiteral("SlideLabel: Setting position to: 1"), clearingStarted, clearingDone}));
+        QVERIFY(workerRequests(log).isEmpty());
+    }
+
+    void setPositionWithTheSameValueDoesNothing()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")});
+
+        LogRecorder log;
+        auto label = makeLabel();
+        QCOMPARE(label->fittingMode(), Stretch);
+        label->setDir(dir.path());
+        QVERIFY(waitUntilIdle(label->worker()));
+        const QStringList cached = label->worker()->snapshot().cachedPaths;
+        QCOMPARE(cached, paths.mid(0, 2));
+
+        log.clear();
+        label->setPosition(Stretch);
+        QCOMPARE(log.slideShowEntries().size(), 0);
+        QCOMPARE(label->worker()->snapshot().cachedPaths, cached);
+
+        label->setPosition(Tile);
+        QVERIFY(waitUntilIdle(label->worker()));
+        const QStringList cachedForTile = label->worker()->snapshot().cachedPaths;
+        log.clear();
+        label->setPosition(Tile);
+        QCOMPARE(log.slideShowEntries().size(), 0);
+        QCOMPARE(label->worker()->snapshot().cachedPaths, cachedForTile);
+        QCOMPARE(label->fittingMode(), Tile);
+    }
+
+    void setPositionWithANewValueRequestsCurrentNextAndPrevious_data()
+    {
+        QTest::addColumn<int>("steps");
+        QTest::addColumn<QList<int>>("order");
+
+        QTest::newRow("after setDir") << 0 << QList<int>{0, 1, 2};
+        QTest::newRow("after one step") << 1 << QList<int>{1, 2, 0};
+        QTest::newRow("at the last image") << 2 << QList<int>{2, 0, 1};
+    }
+
+    void setPositionWithANewValueRequestsCurrentNextAndPrevious()
+    {
+        QFETCH(int, steps);
+        QFETCH(QList<int>, order);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")});
+
+        LogRecorder log;
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        for (int i = 0; i < steps; ++i) {
+            label->setNext();
+        }
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        log.clear();
+        label->setPosition(Crop);
+        QCOMPARE(label->fittingMode(), Crop);
+        QStringList expected{QStringLiteral("SlideLabel: Setting position to: 1"), clearingStarted, clearingDone};
+        for (int index : order) {
+            expected.append(queuedLine(paths.at(index)));
+        }
+        QCOMPARE(guiFlow(log), expected);
+    }
+
+    void setPositionWithFewerThanThreeImages_data()
+    {
+        QTest::addColumn<QStringList>("names");
+        QTest::addColumn<QList<int>>("order");
+
+        QTest::newRow("one image") << QStringList{QStringLiteral("a.png")} << QList<int>{0};
+        // The previous image is the next one: asked for twice, the worker
+        // takes it once.
+        QTest::newRow("two images") << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")} << QList<int>{0, 1, 1};
+    }
+
+    void setPositionWithFewerThanThreeImages()
+    {
+        QFETCH(QStringList, names);
+        QFETCH(QList<int>, order);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(), names);
+
+        LogRecorder log;
+        auto label = makeLabel();
+        label->setDir(dir.path());
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        log.clear();
+        label->setPosition(Center);
+        QStringList expected;
+        for (int index : order) {
+            expected.append(paths.at(index));
+        }
+        QCOMPARE(requestedPaths(log), expected);
+        QCOMPARE(workerRequests(log).first(), queued(paths.at(0), labelSize));
+    }
+
+    void setPositionWithoutImagesOnlyClearsTheCache()
+    {
+        LogRecorder log;
+        auto label = makeLabel();
+        log.clear();
+        label->setPosition(Tile);
+        QCOMPARE(label->fittingMode(), Tile);
+        QCOMPARE(guiFlow(log), QStringList({QStringLiteral("SlideLabel: Setting position to: 2"), clearingStarted, clearingDone}));
+        QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, QStringLiteral("SlideLabel: Setting position to: 2")));
+    }
+
+    void requestsCarryTheFittingMode()
+    {
+        // A small white square on a 320 x 240 label: centred it leaves black
+        // borders, stretched it covers everything.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QStringList paths;
+        for (const QString &name : {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")}) {
+            paths.append(TestUtils::writeSolidImage(dir.path(), name, QSize(100, 100), Qt::white));
+        }
+
+        auto label = makeLabel();
+        label->setPosition(Center);
+        label->setDir(dir.path());
+        label->setNext();
+        QVERIFY(waitUntilIdle(label->worker()));
+
+        const QRect geometry = deviceGeometry(*label);
+        // The current (b) was asked for by setDir, the look-ahead (c) by setNext.
+        for (const QString &path : {paths.at(1), paths.at(2)}) {
+            const QImage image = label->worker()->getCachedImage(path, geometry, 1.0, Center).toImage();
+            QVERIFY2(!image.isNull(), qPrintable(path));
+            QVERIFY(TestUtils::fuzzyColor(image.pixel(0, 0), Qt::black, 0));
+            QVERIFY(TestUtils::fuzzyColor(image.pixel(160, 120), Qt::white, 0));
+        }
+
+        label->setPosition(Stretch);
+        QVERIFY(waitUntilIdle(label->worker()));
+        const QImage stretched = label->worker()->getCachedImage(paths.at(1), geometry, 1.0, Stretch).toImage();
+        QVERIFY(!stretched.isNull());
+        QVERIFY(TestUtils::fuzzyColor(stretched.pixel(0, 0), Qt::white, 0));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    app.setAttribute(Qt::AA_Use96Dpi, true);
+    SlideLabelSequenceTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "slidelabelsequencetest.moc"
