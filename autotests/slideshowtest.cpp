@@ -1,0 +1,838 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "slideshow/slideshow.h"
+#include "imagecache/imagecacheworker.h"
+#include "plugin/slideshowconstants.h"
+#include "slidelabel/slidelabel.h"
+#include "testutils.h"
+
+#include <KLocalizedString>
+
+#include <QApplication>
+#include <QDebug>
+#include <QDir>
+#include <QEasingCurve>
+#include <QElapsedTimer>
+#include <QGraphicsDropShadowEffect>
+#include <QHBoxLayout>
+#include <QPointer>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+#include <QVariantAnimation>
+
+#include <limits>
+#include <memory>
+
+using namespace Dm::ScreenSaver;
+using TestUtils::LogEntry;
+using TestUtils::LogRecorder;
+
+namespace
+{
+const QString imageDirectoryKey = QStringLiteral("ImageDirectory");
+const QString effectKey = QStringLiteral("Effect");
+const QString autoSwitchKey = QStringLiteral("AutoSwitch");
+const QString positionKey = QStringLiteral("Position");
+const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
+
+// The defaults, written out here rather than taken from the code under test.
+QVariantMap expectedDefaults()
+{
+    return QVariantMap{
+        {imageDirectoryKey, defaultDirectory},
+        {effectKey, 500},
+        {autoSwitchKey, 5},
+        {positionKey, 1},
+    };
+}
+
+// What the debug stream makes of the leading text and the map. A QDebug on a
+// string keeps the separator after the last item, which the message output
+// drops.
+QString debugText(const QVariantMap &map)
+{
+    QString text;
+    QDebug(&text) << "SlideShow set property:" << map;
+    if (text.endsWith(QLatin1Char(' '))) {
+        text.chop(1);
+    }
+    return text;
+}
+
+QStringList propertyDebugLines(const LogRecorder &recorder)
+{
+    QStringList lines;
+    const QStringList debug = recorder.texts(QtDebugMsg);
+    for (const QString &text : debug) {
+        if (text.startsWith(QLatin1String("SlideShow set property:"))) {
+            lines.append(text);
+        }
+    }
+    return lines;
+}
+
+// One sample of the fade, taken right after the screensaver has handed the
+// value to the label.
+struct FadeSample {
+    double value;
+    int time;
+    double labelOpacity;
+};
+}
+
+class SlideShowTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_images;
+    QStringList m_files;
+    // Catches the critical line that every construction writes for the
+    // default directory, which does not exist on a test machine.
+    std::unique_ptr<LogRecorder> m_recorder;
+
+    // A directory of three small images and settings that switch quickly.
+    QVariantMap fastSettings(int effect) const
+    {
+        return QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 1}, {effectKey, effect}};
+    }
+    // Where the wait itself is not under test: the first switch comes as
+    // soon as the event loop runs.
+    QVariantMap immediateSettings(int effect) const
+    {
+        return QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 0}, {effectKey, effect}};
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_images.isValid());
+        // Small images: the fitting stays off Qt's internal thread pool.
+        m_files.append(TestUtils::writeSolidImage(m_images.path(), QStringLiteral("a.png"), QSize(48, 36), Qt::red));
+        m_files.append(TestUtils::writeSolidImage(m_images.path(), QStringLiteral("b.png"), QSize(48, 36), Qt::green));
+        m_files.append(TestUtils::writeSolidImage(m_images.path(), QStringLiteral("c.png"), QSize(48, 36), Qt::blue));
+    }
+
+    void init()
+    {
+        TestUtils::setSlideShowDebugEnabled(false);
+        m_recorder.reset(new LogRecorder);
+    }
+
+    void cleanup()
+    {
+        m_recorder.reset();
+        TestUtils::setSlideShowDebugEnabled(false);
+    }
+
+    void metaObject()
+    {
+        QCOMPARE(SlideShow::staticMetaObject.className(), "Dm::ScreenSaver::SlideShow");
+        QCOMPARE(SlideShow::staticMetaObject.superClass(), &AbstractScreenSaver::staticMetaObject);
+        QCOMPARE(SlideShow::staticMetaObject.methodCount(), SlideShow::staticMetaObject.methodOffset());
+        QCOMPARE(SlideShow::staticMetaObject.propertyCount(), SlideShow::staticMetaObject.propertyOffset());
+        SlideShow show;
+        QCOMPARE(show.qt_metacast("Dm::ScreenSaver::SlideShow"), static_cast<void *>(&show));
+        QCOMPARE(show.qt_metacast("AbstractScreenSaver"), static_cast<void *>(static_cast<AbstractScreenSaver *>(&show)));
+    }
+
+    void newSlideShowHasTheDefaults()
+    {
+        SlideShow show;
+        QCOMPARE(show.property(), expectedDefaults());
+        QCOMPARE(show.property(), show.defaultProperty());
+
+        const QTimer &timer = show.switchTimer();
+        QVERIFY(timer.isSingleShot());
+        QCOMPARE(timer.interval(), 5000);
+        QVERIFY(!timer.isActive());
+        QCOMPARE(timer.parent(), nullptr);
+
+        QVariantAnimation *animation = show.fadeAnimation();
+        QVERIFY(animation);
+        QCOMPARE(animation->duration(), 500);
+        QCOMPARE(animation->startValue(), QVariant(0.0));
+        QCOMPARE(animation->startValue().userType(), int(QMetaType::Double));
+        QCOMPARE(animation->endValue(), QVariant(1.0));
+        QCOMPARE(animation->endValue().userType(), int(QMetaType::Double));
+        QCOMPARE(animation->easingCurve().type(), QEasingCurve::OutQuad);
+        QCOMPARE(animation->currentTime(), 0);
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(animation->parent(), &show);
+
+        // The defaults reached the label: the directory and fitting mode 1.
+        QCOMPARE(show.slideLabel()->fittingMode(), Crop);
+        QCOMPARE(show.slideLabel()->currentOpacity(), 1.0);
+    }
+
+    void timerIsInactiveUntilStart()
+    {
+        SlideShow show;
+        show.setProperty(fastSettings(200));
+        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        show.start();
+        QVERIFY(show.switchTimer().isActive());
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        // Just armed: the whole interval lies ahead (a coarse timer may be
+        // rounded by a few per cent).
+        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        show.stop();
+        QVERIFY(!show.switchTimer().isActive());
+    }
+
+    void nameIsSlideShow()
+    {
+        SlideShow show;
+        QCOMPARE(show.name(), QStringLiteral("Slide show"));
+    }
+
+    void settingGroupNameIsSlideShow()
+    {
+        SlideShow show;
+        QCOMPARE(show.settingGroupName(), QStringLiteral("SlideShow"));
+        // A reference to something that outlives the call.
+        QCOMPARE(&show.settingGroupName(), &show.settingGroupName());
+    }
+
+    void defaultPropertyHoldsFourTypedEntries()
+    {
+        SlideShow show;
+        const QVariantMap &defaults = show.defaultProperty();
+        QCOMPARE(defaults, expectedDefaults());
+        QCOMPARE(defaults.size(), 4);
+        QCOMPARE(defaults.value(imageDirectoryKey).userType(), int(QMetaType::QString));
+        QCOMPARE(defaults.value(effectKey).userType(), int(QMetaType::Int));
+        QCOMPARE(defaults.value(autoSwitchKey).userType(), int(QMetaType::Int));
+        QCOMPARE(defaults.value(positionKey).userType(), int(QMetaType::Int));
+        // Changing the settings leaves the defaults alone.
+        show.setProperty(fastSettings(200));
+        QCOMPARE(show.defaultProperty(), expectedDefaults());
+    }
+
+    void propertyReferenceStaysValid()
+    {
+        SlideShow show;
+        const QVariantMap *before = &show.property();
+        show.setProperty(fastSettings(200));
+        QCOMPARE(&show.property(), before);
+        QCOMPARE(before->value(effectKey), QVariant(200));
+    }
+
+    void setPropertyRestoresMissingKeysToTheirDefaults()
+    {
+        SlideShow show;
+        show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 9}, {effectKey, 700}, {positionKey, 3}});
+        QCOMPARE(show.switchTimer().interval(), 9000);
+        QCOMPARE(show.slideLabel()->fittingMode(), Center);
+        QCOMPARE(show.slideLabel()->files(), m_files);
+
+        show.setProperty(QVariantMap{{effectKey, 300}});
+        QVariantMap expected = expectedDefaults();
+        expected.insert(effectKey, 300);
+        QCOMPARE(show.property(), expected);
+        QCOMPARE(show.fadeAnimation()->duration(), 300);
+        QCOMPARE(show.switchTimer().interval(), 5000);
+        QCOMPARE(show.slideLabel()->fittingMode(), Crop);
+        // Back to the default directory, which holds no image here.
+        QVERIFY(show.slideLabel()->files().isEmpty());
+    }
+
+    void setPropertyDropsUnknownKeys()
+    {
+        SlideShow show;
+        show.setProperty(fastSettings(200));
+        show.setProperty(QVariantMap{{QStringLiteral("Unknown"), 42}});
+        QCOMPARE(show.property(), expectedDefaults());
+        QVERIFY(!show.property().contains(QStringLiteral("Unknown")));
+
+        // Unknown keys beside known ones are dropped too.
+        show.setProperty(QVariantMap{{effectKey, 250}, {QStringLiteral("ShowLock"), QStringLiteral("datetime")}, {QStringLiteral("effect"), 1}});
+        QCOMPARE(show.property().size(), 4);
+        QCOMPARE(show.property().keys(), expectedDefaults().keys());
+        QCOMPARE(show.property().value(effectKey), QVariant(250));
+        QCOMPARE(show.fadeAnimation()->duration(), 250);
+    }
+
+    void setPropertyKeepsTheGivenTypes_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QVariant>("value");
+        QTest::addColumn<int>("interval");
+        QTest::addColumn<int>("duration");
+
+        QTest::newRow("AutoSwitch as a string") << autoSwitchKey << QVariant(QStringLiteral("7")) << 7000 << 500;
+        QTest::newRow("Effect as a string") << effectKey << QVariant(QStringLiteral("300")) << 5000 << 300;
+        QTest::newRow("AutoSwitch as a double") << autoSwitchKey << QVariant(2.0) << 2000 << 500;
+        QTest::newRow("Effect as a long long") << effectKey << QVariant(qlonglong(250)) << 5000 << 250;
+    }
+
+    void setPropertyKeepsTheGivenTypes()
+    {
+        QFETCH(QString, key);
+        QFETCH(QVariant, value);
+        QFETCH(int, interval);
+        QFETCH(int, duration);
+
+        SlideShow show;
+        show.setProperty(QVariantMap{{key, value}});
+        QCOMPARE(show.property().size(), 4);
+        QCOMPARE(show.property().value(key), value);
+        QCOMPARE(show.property().value(key).userType(), value.userType());
+        QCOMPARE(show.switchTimer().interval(), interval);
+        QCOMPARE(show.fadeAnimation()->duration(), duration);
+    }
+
+    void effectIsConvertedWithToInt_data()
+    {
+        QTest::addColumn<QVariant>("value");
+
+        QTest::newRow("zero") << QVariant(0);
+        QTest::newRow("negative") << QVariant(-40);
+        QTest::newRow("non-numeric string") << QVariant(QStringLiteral("slow"));
+        QTest::newRow("numeric string") << QVariant(QStringLiteral("120"));
+        QTest::newRow("fractional double") << QVariant(250.7);
+        QTest::newRow("empty string") << QVariant(QString());
+        QTest::newRow("invalid variant") << QVariant();
+    }
+
+    void effectIsConvertedWithToInt()
+    {
+        QFETCH(QVariant, value);
+
+        SlideShow show;
+        show.setProperty(QVariantMap{{effectKey, 300}});
+
+        // What Qt itself makes of the converted value: it refuses a negative
+        // duration and keeps the one it had.
+        QVariantAnimation reference;
+        reference.setDuration(300);
+        reference.setDuration(value.toInt());
+
+        show.setProperty(QVariantMap{{effectKey, value}});
+        QCOMPARE(show.property().value(effectKey), value);
+        QCOMPARE(show.fadeAnimation()->duration(), reference.duration());
+        if (value.toInt() >= 0) {
+            QCOMPARE(show.fadeAnimation()->duration(), value.toInt());
+        } else {
+            QCOMPARE(show.fadeAnimation()->duration(), 300);
+        }
+    }
+
+    void autoSwitchIsConvertedWithoutOverflow_data()
+    {
+        QTest::addColumn<QVariant>("value");
+        QTest::addColumn<int>("interval");
+
+        const int intMax = std::numeric_limits<int>::max();
+        QTest::newRow("zero") << QVariant(0) << 0;
+        QTest::newRow("non-numeric string") << QVariant(QStringLiteral("often")) << 0;
+        QTest::newRow("largest that fits") << QVariant(2147483) << 2147483000;
+        QTest::newRow("smallest that overflows") << QVariant(2147484) << intMax;
+        QTest::newRow("int maximum") << QVariant(intMax) << intMax;
+        QTest::newRow("int maximum as a string") << QVariant(QString::number(intMax)) << intMax;
+    }
+
+    void autoSwitchIsConvertedWithoutOverflow()
+    {
+        QFETCH(QVariant, value);
+        QFETCH(int, interval);
+
+        SlideShow show;
+        show.setProperty(QVariantMap{{autoSwitchKey, value}});
+        QCOMPARE(show.property().value(autoSwitchKey), value);
+        QCOMPARE(show.switchTimer().interval(), interval);
+        // The timer takes the clamped interval like any other.
+        show.start();
+        QVERIFY(show.switchTimer().isActive());
+        show.stop();
+        QVERIFY(!show.switchTimer().isActive());
+    }
+
+    void negativeAutoSwitchIsPassedToTheTimer_data()
+    {
+        QTest::addColumn<int>("seconds");
+        QTest::addColumn<qint64>("milliseconds");
+
+        QTest::newRow("minus three") << -3 << qint64(-3000);
+        QTest::newRow("int minimum") << std::numeric_limits<int>::min() << qint64(std::numeric_limits<int>::min());
+        QTest::newRow("smallest that underflows") << -2147484 << qint64(std::numeric_limits<int>::min());
+    }
+
+    void negativeAutoSwitchIsPassedToTheTimer()
+    {
+        QFETCH(int, seconds);
+        QFETCH(qint64, milliseconds);
+
+        // Whatever a QTimer makes of that many milliseconds.
+        QTimer reference;
+        reference.setInterval(int(milliseconds));
+
+        SlideShow show;
+        show.setProperty(QVariantMap{{autoSwitchKey, seconds}});
+        QCOMPARE(show.property().value(autoSwitchKey), QVariant(seconds));
+        QCOMPARE(show.switchTimer().interval(), reference.interval());
+    }
+
+    void positionIsConvertedWithToInt_data()
+    {
+        QTest::addColumn<QVariant>("value");
+        QTest::addColumn<int>("position");
+
+        QTest::newRow("stretch") << QVariant(0) << 0;
+        QTest::newRow("tile as a string") << QVariant(QStringLiteral("2")) << 2;
+        QTest::newRow("center") << QVariant(3) << 3;
+        QTest::newRow("non-numeric string") << QVariant(QStringLiteral("middle")) << 0;
+        QTest::newRow("out of range") << QVariant(7) << 7;
+    }
+
+    void positionIsConvertedWithToInt()
+    {
+        QFETCH(QVariant, value);
+        QFETCH(int, position);
+
+        SlideShow show;
+        show.setProperty(QVariantMap{{positionKey, value}});
+        QCOMPARE(show.property().value(positionKey), value);
+        QCOMPARE(int(show.slideLabel()->fittingMode()), position);
+    }
+
+    void imageDirectoryGoesToTheLabel()
+    {
+        SlideShow show;
+        show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}});
+        QCOMPARE(show.slideLabel()->files(), m_files);
+        QCOMPARE(show.slideLabel()->currentImage(), m_files.first());
+
+        // An empty directory setting is the label's to report.
+        m_recorder->clear();
+        show.setProperty(QVariantMap{{imageDirectoryKey, QString()}});
+        QCOMPARE(show.property().value(imageDirectoryKey), QVariant(QString()));
+        QVERIFY(show.slideLabel()->files().isEmpty());
+        // One QString streamed whole: quoted as a whole.
+        QCOMPARE(m_recorder->texts(QtCriticalMsg),
+            QStringList{QStringLiteral("\"SlideLabel: The specified directory () does not exist or does not contain image files.\"")});
+    }
+
+    void updatePropertyDebugLineShowsTheMap()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+        SlideShow show;
+        m_recorder->clear();
+
+        const QVariantMap settings = fastSettings(200);
+        show.setProperty(settings);
+        QVariantMap merged = settings;
+        merged.insert(positionKey, 1);
+
+        const QStringList lines = propertyDebugLines(*m_recorder);
+        QCOMPARE(lines, QStringList{debugText(merged)});
+        const QList<LogEntry> entries = m_recorder->slideShowEntries();
+        const LogEntry expected{QStringLiteral("zav-tev.screensaver.slideshow"), QtDebugMsg, debugText(merged)};
+        QVERIFY(entries.contains(expected));
+    }
+
+    void constructionLogsTheDefaultMap()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+        SlideShow show;
+        const QString literal
+            = QStringLiteral("SlideShow set property: QMap((\"AutoSwitch\", QVariant(int, 5))(\"Effect\", QVariant(int, 500))"
+                             "(\"ImageDirectory\", QVariant(QString, \"/usr/share/wallpapers/slideshow/\"))(\"Position\", QVariant(int, 1)))");
+        QCOMPARE(propertyDebugLines(*m_recorder), QStringList{literal});
+        QCOMPARE(debugText(expectedDefaults()), literal);
+    }
+
+    void updatePropertyLogsBeforeApplying()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+        SlideShow show;
+        m_recorder->clear();
+        show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {positionKey, 2}});
+
+        // The log line first, then the settings in key order: the directory
+        // before the fitting mode.
+        const QStringList debug = m_recorder->texts(QtDebugMsg);
+        const int logLine = debug.indexOf(QRegularExpression(QStringLiteral("SlideShow set property: QMap\\(.*\\)")));
+        const int directory = debug.indexOf(QStringLiteral("SlideLabel: Setting directory to: \"%1\"").arg(m_images.path()));
+        const int position = debug.indexOf(QStringLiteral("SlideLabel: Setting position to: 2"));
+        QVERIFY2(logLine >= 0 && directory >= 0 && position >= 0, qPrintable(debug.join(QLatin1Char('\n'))));
+        QVERIFY(logLine < directory);
+        QVERIFY(directory < position);
+    }
+
+    void noDebugLineWithDefaultRules()
+    {
+        SlideShow show;
+        show.setProperty(fastSettings(200));
+        QVERIFY(propertyDebugLines(*m_recorder).isEmpty());
+        QVERIFY(m_recorder->texts(QtDebugMsg).isEmpty());
+    }
+
+    void defaultDirectoryIsReportedMissing()
+    {
+        if (!QDir(defaultDirectory).entryList(QDir::Files).isEmpty()) {
+            QSKIP("this machine has images in the default directory");
+        }
+        SlideShow show;
+        const QString expected
+            = QStringLiteral("\"SlideLabel: The specified directory (%1) does not exist or does not contain image files.\"").arg(defaultDirectory);
+        QCOMPARE(m_recorder->texts(QtCriticalMsg), QStringList{expected});
+    }
+
+    void layoutFillsTheWidgetWithTheLabel()
+    {
+        SlideShow show;
+        auto *layout = qobject_cast<QHBoxLayout *>(show.layout());
+        QVERIFY(layout);
+        QCOMPARE(layout->contentsMargins(), QMargins(0, 0, 0, 0));
+        QCOMPARE(layout->spacing(), 0);
+        QCOMPARE(layout->count(), 1);
+        QCOMPARE(layout->itemAt(0)->widget(), show.slideLabel());
+        QCOMPARE(layout->stretch(0), 0);
+        QCOMPARE(layout->itemAt(0)->alignment(), Qt::Alignment());
+
+        SlideLabel *label = show.slideLabel();
+        QCOMPARE(label->parent(), &show);
+        QCOMPARE(label->metaObject()->className(), "Dm::ScreenSaver::SlideLabel");
+
+        show.resize(200, 150);
+        show.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&show));
+        QTRY_COMPARE(label->geometry(), show.rect());
+        show.resize(123, 77);
+        QTRY_COMPARE(label->geometry(), QRect(0, 0, 123, 77));
+    }
+
+    void dropShadowsAreIdleChildren()
+    {
+        SlideShow show;
+        const QList<QGraphicsDropShadowEffect *> shadows = show.findChildren<QGraphicsDropShadowEffect *>(QString(), Qt::FindDirectChildrenOnly);
+        QCOMPARE(shadows.size(), 2);
+        QVERIFY(shadows.at(0) != shadows.at(1));
+        for (QGraphicsDropShadowEffect *shadow : shadows) {
+            QCOMPARE(shadow->parent(), &show);
+            QCOMPARE(shadow->blurRadius(), 8.0);
+            QCOMPARE(shadow->offset(), QPointF(0.0, 8.0));
+            QCOMPARE(shadow->color(), QColor(0, 0, 0, 25));
+            QCOMPARE(shadow->color().spec(), QColor::Rgb);
+            QCOMPARE(shadow->color().alpha(), 25);
+        }
+        // Installed on no widget.
+        QCOMPARE(show.graphicsEffect(), nullptr);
+        const QList<QWidget *> widgets = show.findChildren<QWidget *>();
+        for (QWidget *widget : widgets) {
+            QCOMPARE(widget->graphicsEffect(), nullptr);
+        }
+        QCOMPARE(show.findChildren<QGraphicsEffect *>().size(), 2);
+    }
+
+    void childrenComeInConstructionOrder()
+    {
+        SlideShow show;
+        const QObjectList children = show.children();
+        QCOMPARE(children.size(), 5);
+        QVERIFY(qobject_cast<QHBoxLayout *>(children.at(0)));
+        QCOMPARE(children.at(1), static_cast<QObject *>(show.slideLabel()));
+        QVERIFY(qobject_cast<QGraphicsDropShadowEffect *>(children.at(2)));
+        QVERIFY(qobject_cast<QGraphicsDropShadowEffect *>(children.at(3)));
+        QCOMPARE(children.at(4), static_cast<QObject *>(show.fadeAnimation()));
+    }
+
+    void destructionDeletesTheLabelAndStopsItsThread()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+        auto *show = new SlideShow;
+        show->setProperty(fastSettings(200));
+        QPointer<SlideLabel> label = show->slideLabel();
+        QPointer<QVariantAnimation> animation = show->fadeAnimation();
+        QPointer<ImageCacheWorker> worker = label->worker();
+        QPointer<QThread> thread = worker->thread();
+        QVERIFY(thread);
+        QVERIFY(thread != QThread::currentThread());
+        QVERIFY(thread->isRunning());
+        m_recorder->clear();
+
+        delete show;
+        QVERIFY(label.isNull());
+        QVERIFY(animation.isNull());
+        // The label's destructor waited for its thread, which deleted the
+        // worker as it finished.
+        QVERIFY(worker.isNull());
+        QVERIFY(thread.isNull());
+        QCOMPARE(m_recorder->count(QStringLiteral("SlideLabel: Waiting for cache thread to finish before closing...")), 1);
+        QCOMPARE(m_recorder->texts(QtWarningMsg), QStringList());
+    }
+
+    void destructionWhileFadingIsSafe()
+    {
+        auto *show = new SlideShow;
+        show->setProperty(immediateSettings(5000));
+        QPointer<SlideLabel> label = show->slideLabel();
+        show->start();
+        QSignalSpy timeout(&show->switchTimer(), &QTimer::timeout);
+        QVERIFY(timeout.wait(5000));
+        QCOMPARE(show->fadeAnimation()->state(), QAbstractAnimation::Running);
+        // Neither the timer nor the fade is stopped before destruction.
+        delete show;
+        QVERIFY(label.isNull());
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+    }
+
+    void fadeCycleAdvancesFadesAndRearms()
+    {
+        SlideShow show;
+        show.resize(160, 120);
+        show.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&show));
+        show.setProperty(fastSettings(200));
+        SlideLabel *label = show.slideLabel();
+        QVariantAnimation *animation = show.fadeAnimation();
+        QCOMPARE(label->currentImage(), m_files.at(0));
+        QCOMPARE(label->previousImage(), m_files.at(2));
+        QCOMPARE(animation->duration(), 200);
+
+        QList<FadeSample> samples;
+        QObject context;
+        connect(animation, &QVariantAnimation::valueChanged, &context, [&](const QVariant &value) {
+            samples.append(FadeSample{value.toDouble(), animation->currentTime(), label->currentOpacity()});
+        });
+        // Connected after the screensaver's own handler, so this sees the
+        // state right after the switch.
+        double opacityAtSwitch = -1.0;
+        QAbstractAnimation::State stateAtSwitch = QAbstractAnimation::Stopped;
+        bool timerActiveAtSwitch = true;
+        connect(&show.switchTimer(), &QTimer::timeout, &context, [&]() {
+            opacityAtSwitch = label->currentOpacity();
+            stateAtSwitch = animation->state();
+            timerActiveAtSwitch = show.switchTimer().isActive();
+        });
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy finished(animation, &QAbstractAnimation::finished);
+
+        QElapsedTimer elapsed;
+        elapsed.start();
+        show.start();
+        QVERIFY(timeout.wait(5000));
+        QVERIFY2(elapsed.elapsed() >= 900, qPrintable(QString::number(elapsed.elapsed())));
+
+        // Fading: the label advanced and starts invisible, the timer waits
+        // for the end of the fade.
+        QCOMPARE(label->currentImage(), m_files.at(1));
+        QCOMPARE(label->previousImage(), m_files.at(0));
+        QCOMPARE(opacityAtSwitch, 0.0);
+        QCOMPARE(stateAtSwitch, QAbstractAnimation::Running);
+        QVERIFY(!timerActiveAtSwitch);
+
+        QVERIFY(finished.wait(5000));
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(timeout.count(), 1);
+        // The end of the fade re-armed the timer for a whole interval.
+        QVERIFY(show.switchTimer().isActive());
+        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(label->currentOpacity(), 1.0);
+
+        // The animation reports changes only: the start value 0.0, which it
+        // already held before this first fade, is not reported again.
+        QVERIFY(samples.size() >= 2);
+        QVERIFY(samples.first().value >= 0.0);
+        QVERIFY(samples.first().value < 1.0);
+        QCOMPARE(samples.last().value, 1.0);
+        QCOMPARE(samples.last().time, 200);
+        const QEasingCurve outQuad(QEasingCurve::OutQuad);
+        for (int i = 0; i < samples.size(); ++i) {
+            const FadeSample &sample = samples.at(i);
+            const QByteArray where = QByteArray::number(i) + " at " + QByteArray::number(sample.time) + " ms: " + QByteArray::number(sample.value);
+            if (i > 0) {
+                QVERIFY2(sample.value >= samples.at(i - 1).value, where.constData());
+            }
+            QVERIFY2(qAbs(sample.value - outQuad.valueForProgress(sample.time / 200.0)) < 1e-9, where.constData());
+            QVERIFY2(qFuzzyCompare(1.0 + sample.labelOpacity, 1.0 + sample.value), where.constData());
+        }
+        show.stop();
+        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+    }
+
+    void zeroEffectEndsTheFadeAtOnce()
+    {
+        SlideShow show;
+        show.setProperty(immediateSettings(0));
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy finished(show.fadeAnimation(), &QAbstractAnimation::finished);
+        show.start();
+        QVERIFY(timeout.wait(5000));
+        // The fade finished within the switch and armed the next wait.
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(show.slideLabel()->currentImage(), m_files.at(1));
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(show.fadeAnimation()->currentValue(), QVariant(1.0));
+        // The new slide is shown at full weight at once, not left at the 0.0
+        // that setNext gave it.
+        QCOMPARE(show.slideLabel()->currentOpacity(), 1.0);
+        QVERIFY(show.switchTimer().isActive());
+        show.stop();
+    }
+
+    void zeroIntervalSwitchesWhenEachFadeEnds()
+    {
+        SlideShow show;
+        show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 0}, {effectKey, 20}});
+        QCOMPARE(show.switchTimer().interval(), 0);
+        QSignalSpy finished(show.fadeAnimation(), &QAbstractAnimation::finished);
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        show.start();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 3, 10000);
+        show.stop();
+        // Three fades and three switches: round the circle back to the first.
+        QVERIFY(timeout.count() >= 3);
+        QCOMPARE(show.slideLabel()->currentFileIndex(), timeout.count() % 3);
+        QVERIFY(!show.switchTimer().isActive());
+    }
+
+    void stopDuringFadeKeepsThePartialOpacity()
+    {
+        SlideShow show;
+        show.setProperty(fastSettings(1000));
+        SlideLabel *label = show.slideLabel();
+        QVariantAnimation *animation = show.fadeAnimation();
+
+        // Stop from inside the fade, at its first value strictly between
+        // the ends, so the partial state does not depend on timing.
+        double stoppedAt = -1.0;
+        QObject context;
+        connect(animation, &QVariantAnimation::valueChanged, &context, [&](const QVariant &value) {
+            const double v = value.toDouble();
+            if (stoppedAt < 0.0 && v > 0.0 && v < 1.0) {
+                stoppedAt = v;
+                show.stop();
+            }
+        });
+        QSignalSpy finished(animation, &QAbstractAnimation::finished);
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        show.start();
+        QVERIFY(timeout.wait(5000));
+        QTRY_VERIFY_WITH_TIMEOUT(stoppedAt > 0.0, 5000);
+
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+        QVERIFY(!show.switchTimer().isActive());
+        QVERIFY(finished.isEmpty());
+        QCOMPARE(label->currentImage(), m_files.at(1));
+        QVERIFY(label->currentOpacity() > 0.0);
+        QVERIFY(label->currentOpacity() < 1.0);
+        QCOMPARE(label->currentOpacity(), stoppedAt);
+
+        // Idle: nothing moves on its own.
+        QTest::qWait(200);
+        QCOMPARE(label->currentOpacity(), stoppedAt);
+        QCOMPARE(timeout.count(), 1);
+        QVERIFY(finished.isEmpty());
+
+        // A later start waits a whole interval before the next switch.
+        disconnect(animation, nullptr, &context, nullptr);
+        QElapsedTimer elapsed;
+        elapsed.start();
+        show.start();
+        QVERIFY(show.switchTimer().isActive());
+        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(label->currentOpacity(), stoppedAt);
+        QVERIFY(timeout.wait(5000));
+        QVERIFY2(elapsed.elapsed() >= 900, qPrintable(QString::number(elapsed.elapsed())));
+        QCOMPARE(timeout.count(), 2);
+        QCOMPARE(label->currentImage(), m_files.at(2));
+        QCOMPARE(animation->state(), QAbstractAnimation::Running);
+        show.stop();
+    }
+
+    void startTwiceRestartsTheWait()
+    {
+        SlideShow show;
+        show.setProperty(fastSettings(200));
+        const QTimer &timer = show.switchTimer();
+        QSignalSpy timeout(&timer, &QTimer::timeout);
+
+        show.start();
+        QTRY_VERIFY_WITH_TIMEOUT(timer.isActive() && timer.remainingTime() <= 500, 5000);
+        QVERIFY(timeout.isEmpty());
+
+        QElapsedTimer sinceSecond;
+        sinceSecond.start();
+        show.start();
+        QVERIFY(timer.isActive());
+        QVERIFY2(timer.remainingTime() >= 900, qPrintable(QString::number(timer.remainingTime())));
+        QVERIFY(timeout.wait(5000));
+        QCOMPARE(timeout.count(), 1);
+        // A coarse timer may fire up to 5 % early.
+        QVERIFY2(sinceSecond.elapsed() >= 900, qPrintable(QString::number(sinceSecond.elapsed())));
+        show.stop();
+    }
+
+    void startDuringFadeArmsTheTimerAgain()
+    {
+        SlideShow show;
+        show.setProperty(immediateSettings(3000));
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        show.start();
+        QVERIFY(timeout.wait(5000));
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+        QVERIFY(!show.switchTimer().isActive());
+
+        // Waiting and fading at once; the fade goes on.
+        show.start();
+        QVERIFY(show.switchTimer().isActive());
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+        show.stop();
+        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+    }
+
+    void setPropertyRestartsNothing()
+    {
+        SlideShow show;
+        show.setProperty(immediateSettings(3000));
+        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        show.start();
+        QVERIFY(timeout.wait(5000));
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+
+        // A running fade goes on with its new duration.
+        QVariantMap settings = fastSettings(4000);
+        settings.insert(autoSwitchKey, 3);
+        show.setProperty(settings);
+        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+        QCOMPARE(show.fadeAnimation()->duration(), 4000);
+        QVERIFY(!show.switchTimer().isActive());
+        show.stop();
+
+        // A waiting timer keeps waiting, now with the new interval.
+        show.start();
+        settings.insert(autoSwitchKey, 2);
+        show.setProperty(settings);
+        QVERIFY(show.switchTimer().isActive());
+        QCOMPARE(show.switchTimer().interval(), 2000);
+        QVERIFY2(show.switchTimer().remainingTime() > 1000, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        show.stop();
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    // Texts are compared in the source language, whatever the machine's.
+    KLocalizedString::setLanguages({QStringLiteral("en_US")});
+    SlideShowTest test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "slideshowtest.moc"
