@@ -1,0 +1,317 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "settings/slideshowsettingswidget.h"
+#include "slideshow/slideshow.h"
+#include "testutils.h"
+
+#include <KLocalizedString>
+
+#include <QApplication>
+#include <QComboBox>
+#include <QDebug>
+#include <QDialogButtonBox>
+#include <QDir>
+#include <QGroupBox>
+#include <QLineEdit>
+#include <QPointer>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QSpinBox>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
+#include <QVariantAnimation>
+
+#include <memory>
+
+using namespace Dm::ScreenSaver;
+using TestUtils::LogRecorder;
+
+namespace
+{
+QString translated(const char *text)
+{
+    return ki18nd("zav-screensaver_slideshow", text).toString();
+}
+
+const QString directoryKey = QStringLiteral("ImageDirectory");
+const QString autoSwitchKey = QStringLiteral("AutoSwitch");
+const QString effectKey = QStringLiteral("Effect");
+const QString positionKey = QStringLiteral("Position");
+
+QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
+{
+    return QVariantMap{
+        {directoryKey, directory},
+        {autoSwitchKey, autoSwitch},
+        {effectKey, effect},
+        {positionKey, position},
+    };
+}
+
+// A log text as QDebug writes it: the leading text and the map.
+QString logText(const char *leading, const QVariantMap &map)
+{
+    QString text;
+    QDebug(&text) << leading << map;
+    // A QDebug on a string keeps the blank after its last item; the message
+    // handler never sees that blank.
+    if (text.endsWith(QLatin1Char(' '))) {
+        text.chop(1);
+    }
+    return text;
+}
+
+struct DialogControls {
+    QLineEdit *directory = nullptr;
+    QSpinBox *autoSwitch = nullptr;
+    QComboBox *effect = nullptr;
+    QComboBox *position = nullptr;
+    QPushButton *ok = nullptr;
+
+    bool complete() const
+    {
+        return directory && autoSwitch && effect && position && ok;
+    }
+};
+
+// The dialog's controls, found through its widget tree.
+DialogControls controlsOf(QDialog *dialog)
+{
+    DialogControls c;
+    const QList<QGroupBox *> groups = dialog->findChildren<QGroupBox *>(QString(), Qt::FindDirectChildrenOnly);
+    for (QGroupBox *group : groups) {
+        if (group->title() == translated("Image Directory")) {
+            c.directory = group->findChild<QLineEdit *>(QString(), Qt::FindDirectChildrenOnly);
+        } else if (group->title() == translated("Animation")) {
+            c.autoSwitch = group->findChild<QSpinBox *>(QString(), Qt::FindDirectChildrenOnly);
+            c.effect = group->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
+        } else if (group->title() == translated("Position")) {
+            c.position = group->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
+        }
+    }
+    if (auto *buttonBox = dialog->findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"))) {
+        c.ok = buttonBox->button(QDialogButtonBox::Ok);
+    }
+    return c;
+}
+
+// Moves a combo box to an item the way a user does with the keyboard.
+void chooseWithKeyboard(QComboBox *box, int index)
+{
+    box->setFocus();
+    QTest::keyClick(box, Qt::Key_Home);
+    for (int i = 0; i < index; ++i) {
+        QTest::keyClick(box, Qt::Key_Down);
+    }
+}
+}
+
+class SlideShowSettingsLinkTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QString m_first;
+    QString m_second;
+
+    // Small images keep Qt's scaling on the calling thread (see the thread
+    // sanitizer notes of the build).
+    bool writeImages(const QString &directory)
+    {
+        return !TestUtils::writeSolidImage(directory, QStringLiteral("a.png"), QSize(64, 48), Qt::red).isEmpty()
+            && !TestUtils::writeSolidImage(directory, QStringLiteral("b.png"), QSize(64, 48), Qt::blue).isEmpty();
+    }
+
+    static bool showDialog(QDialog *dialog)
+    {
+        dialog->show();
+        if (!QTest::qWaitForWindowExposed(dialog)) {
+            return false;
+        }
+        dialog->activateWindow();
+        return QTest::qWaitForWindowActive(dialog);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QDir root(m_dir.path());
+        QVERIFY(root.mkdir(QStringLiteral("first")));
+        QVERIFY(root.mkdir(QStringLiteral("second")));
+        m_first = root.absoluteFilePath(QStringLiteral("first"));
+        m_second = root.absoluteFilePath(QStringLiteral("second"));
+        QVERIFY(writeImages(m_first));
+        QVERIFY(writeImages(m_second));
+    }
+
+    void cleanup()
+    {
+        TestUtils::setSlideShowDebugEnabled(false);
+    }
+
+    void settingWidgetIsCreatedOnceWithoutParentAndDeletedWithScreensaver_data()
+    {
+        QTest::addColumn<bool>("hostParent");
+        QTest::newRow("screensaver without parent") << false;
+        QTest::newRow("screensaver inside a host widget") << true;
+    }
+
+    void settingWidgetIsCreatedOnceWithoutParentAndDeletedWithScreensaver()
+    {
+        QFETCH(bool, hostParent);
+        std::unique_ptr<QWidget> host(hostParent ? new QWidget : nullptr);
+        std::unique_ptr<SlideShow> ownScreensaver(hostParent ? nullptr : new SlideShow);
+        SlideShow *screensaver = hostParent ? new SlideShow(host.get()) : ownScreensaver.get();
+        screensaver->setProperty(settingsMap(m_first, 5, 500, 1));
+
+        AbstractSettingDialog *first = screensaver->settingWidget();
+        QVERIFY(first);
+        AbstractSettingDialog *second = screensaver->settingWidget();
+        QCOMPARE(second, first);
+        QVERIFY(qobject_cast<SlideShowSettingsWidget *>(first));
+        QCOMPARE(first->parent(), nullptr);
+        QCOMPARE(first->parentWidget(), nullptr);
+
+        // One connection only, however often it was asked for: a commit is
+        // applied once.
+        TestUtils::setSlideShowDebugEnabled(true);
+        {
+            LogRecorder recorder;
+            const QVariantMap committed = settingsMap(m_second, 5, 500, 1);
+            // The dialog's setProperty emits changed() unconditionally.
+            static_cast<SlideShowSettingsWidget *>(first)->setProperty(committed);
+            QCOMPARE(recorder.count(logText("SlideShow set property:", committed)), 1);
+            QCOMPARE(screensaver->property(), committed);
+        }
+        TestUtils::setSlideShowDebugEnabled(false);
+
+        QPointer<AbstractSettingDialog> dialog = first;
+        if (hostParent) {
+            host.reset();
+        } else {
+            ownScreensaver.reset();
+        }
+        QVERIFY(dialog.isNull());
+    }
+
+    void settingWidgetIsLoadedWithSettingsInForce()
+    {
+        SlideShow screensaver;
+        screensaver.setProperty(settingsMap(m_second, 9, 2500, 2));
+        auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
+        QVERIFY(dialog);
+        QCOMPARE(dialog->property(), screensaver.property());
+        const DialogControls c = controlsOf(dialog);
+        QVERIFY(c.complete());
+        QCOMPARE(c.directory->text(), m_second);
+        QCOMPARE(c.autoSwitch->value(), 9);
+        QCOMPARE(c.effect->currentText(), translated("Normal"));
+        QCOMPARE(c.position->currentText(), translated("Tile"));
+    }
+
+    void commitInDialogReachesScreensaver_data()
+    {
+        QTest::addColumn<bool>("partial");
+        QTest::newRow("settings in force") << false;
+        // The dialog holds only some keys and one the screensaver does not
+        // know: the commit is merged with the defaults.
+        QTest::newRow("partial map in the dialog") << true;
+    }
+
+    void commitInDialogReachesScreensaver()
+    {
+        QFETCH(bool, partial);
+        SlideShow screensaver;
+        screensaver.setProperty(settingsMap(m_first, 9, 2500, 2));
+        auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
+        QVERIFY(dialog);
+        if (partial) {
+            dialog->setSilentProperty(QVariantMap{
+                {directoryKey, m_second},
+                {effectKey, 2500},
+                {QStringLiteral("Unknown"), QStringLiteral("dropped")},
+            });
+        }
+        QVERIFY(showDialog(dialog));
+        const DialogControls c = controlsOf(dialog);
+        QVERIFY(c.complete());
+        QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
+
+        chooseWithKeyboard(c.effect, 3);
+        QCOMPARE(c.effect->currentText(), translated("Slow"));
+        // Edits reach the screensaver only through a commit.
+        QCOMPARE(screensaver.property().value(effectKey), QVariant(2500));
+        QCOMPARE(screensaver.fadeAnimation()->duration(), 2500);
+
+        TestUtils::setSlideShowDebugEnabled(true);
+        LogRecorder recorder;
+        QTest::mouseClick(c.ok, Qt::LeftButton);
+        QVERIFY(!dialog->isVisible());
+        QCOMPARE(changed.count(), 1);
+
+        const QVariantMap expected = partial ? settingsMap(m_second, 5, 5000, 1) : settingsMap(m_first, 9, 5000, 2);
+        QCOMPARE(screensaver.property(), expected);
+        QCOMPARE(screensaver.fadeAnimation()->duration(), 5000);
+        QCOMPARE(screensaver.switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
+        QCOMPARE(dialog->property(), expected);
+        QCOMPARE(c.autoSwitch->value(), expected.value(autoSwitchKey).toInt());
+
+        // Applied once, then pushed back into the dialog.
+        const QStringList debug = recorder.texts(QtDebugMsg);
+        const int applied = debug.indexOf(logText("SlideShow set property:", expected));
+        const int pushed = debug.indexOf(logText("SlideShow Widget set property:", expected));
+        QVERIFY(applied >= 0);
+        QVERIFY(pushed > applied);
+        QCOMPARE(debug.count(logText("SlideShow set property:", expected)), 1);
+        QCOMPARE(debug.count(logText("SlideShow Widget set property:", expected)), 1);
+    }
+
+    void hostSetPropertyUpdatesDialogWithoutChanged_data()
+    {
+        QTest::addColumn<QVariantMap>("given");
+        QTest::addColumn<QVariantMap>("merged");
+        QTest::addColumn<QString>("effectText");
+        QTest::addColumn<QString>("positionText");
+        QTest::newRow("full map") << settingsMap(m_second, 9, 2500, 2) << settingsMap(m_second, 9, 2500, 2) << translated("Normal") << translated("Tile");
+        QTest::newRow("effect only") << QVariantMap{{effectKey, 5000}} << settingsMap(QStringLiteral("/usr/share/wallpapers/slideshow/"), 5, 5000, 1)
+                                     << translated("Slow") << translated("Crop");
+    }
+
+    void hostSetPropertyUpdatesDialogWithoutChanged()
+    {
+        QFETCH(QVariantMap, given);
+        QFETCH(QVariantMap, merged);
+        QFETCH(QString, effectText);
+        QFETCH(QString, positionText);
+        SlideShow screensaver;
+        screensaver.setProperty(settingsMap(m_first, 7, 50, 3));
+        auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
+        QVERIFY(dialog);
+        QVERIFY(showDialog(dialog));
+        const DialogControls c = controlsOf(dialog);
+        QVERIFY(c.complete());
+        QCOMPARE(c.effect->currentText(), translated("None"));
+        QCOMPARE(c.position->currentText(), translated("Center"));
+        QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
+
+        screensaver.setProperty(given);
+        QCOMPARE(c.directory->text(), merged.value(directoryKey).toString());
+        QCOMPARE(c.autoSwitch->value(), merged.value(autoSwitchKey).toInt());
+        QCOMPARE(c.effect->currentText(), effectText);
+        QCOMPARE(c.position->currentText(), positionText);
+        QCOMPARE(dialog->property(), merged);
+        QCOMPARE(screensaver.property(), merged);
+        QCOMPARE(changed.count(), 0);
+        QVERIFY(dialog->isVisible());
+    }
+};
+
+QTEST_MAIN(SlideShowSettingsLinkTest)
+
+#include "slideshowsettingslinktest.moc"
