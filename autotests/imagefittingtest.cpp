@@ -344,14 +344,37 @@ private Q_SLOTS:
         QCOMPARE(once.toImage(), twice.toImage());
     }
 
-    void hugeDeclaredSizeIsNeverDecoded()
+    void hugeDeclaredSizeIsNeverDecoded_data()
     {
+        QTest::addColumn<QString>("path");
+
         // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a
-        // 32-bit pixmap. Decoded in a child so that its peak memory is its own.
+        // 32-bit pixmap.
         QImage mono(12000, 12000, QImage::Format_Mono);
         mono.fill(0);
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono);
-        mono = QImage();
+        QTest::newRow("1-bit png") << TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono);
+
+        // 23 bytes of GIF named like a JPEG: a logical screen of 16000 x 16000
+        // pixels (1 GB as 32-bit pixels), one 1 x 1 frame, cut short. The
+        // reader reports the frame's size; the decoder would allocate and
+        // clear the screen.
+        QByteArray gif("GIF87a");
+        gif.append(char(16000 & 0xff)).append(char(16000 >> 8)).append(char(16000 & 0xff)).append(char(16000 >> 8));
+        gif.append(char(0)).append(char(0)).append(char(0));
+        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
+        gif.append(char(1)).append(char(0)).append(char(1)).append(char(0)).append(char(0)).append(char(2));
+        const QString gifPath = m_dir.filePath(QStringLiteral("screen.jpg"));
+        QFile file(gifPath);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(gif);
+        file.close();
+        QTest::newRow("gif screen") << gifPath;
+    }
+
+    void hugeDeclaredSizeIsNeverDecoded()
+    {
+        // Fitted in a child so that its peak memory is its own.
+        QFETCH(QString, path);
         QVERIFY(QFileInfo(path).size() < 1024 * 1024);
 
         QProcess child;

@@ -8,6 +8,7 @@
 #include "plugin/slideshowconstants.h"
 
 #include <QColor>
+#include <QFile>
 #include <QImage>
 #include <QImageReader>
 #include <QMetaObject>
@@ -52,11 +53,37 @@ QPixmap blackCanvas(const QSize &size, double devicePixelRatio)
     return canvas;
 }
 
-// Reads only the header. A size the reader cannot tell is left to the decoder.
-bool declaresTooManyPixels(const QString &path)
+// How many pixels decoding the file would allocate, from its header alone,
+// or -1 when the header does not say: then the file is not decoded at all,
+// since a decoder may allocate whatever a broken header claims.
+qint64 declaredPixels(const QString &path)
 {
-    const QSize declared = QImageReader(path).size();
-    return declared.isValid() && qint64(declared.width()) * qint64(declared.height()) > ImageCacheWorker::maxImagePixels;
+    QImageReader reader(path);
+    const QSize size = reader.size();
+    if (!size.isValid()) {
+        return -1;
+    }
+    qint64 pixels = qint64(size.width()) * qint64(size.height());
+    // A GIF is decoded onto its whole logical screen, whose size the header
+    // states apart from the size of the first frame that the reader reports:
+    // 29 bytes can claim a screen of 65535 x 32767 pixels.
+    if (reader.format() == "gif") {
+        QFile file(path);
+        const QByteArray header = file.open(QIODevice::ReadOnly) ? file.read(10) : QByteArray();
+        if (header.size() < 10) {
+            return -1;
+        }
+        const qint64 screenWidth = uchar(header.at(6)) | (uchar(header.at(7)) << 8);
+        const qint64 screenHeight = uchar(header.at(8)) | (uchar(header.at(9)) << 8);
+        pixels = qMax(pixels, screenWidth * screenHeight);
+    }
+    return pixels;
+}
+
+bool fitsTheDecodingLimit(const QString &path)
+{
+    const qint64 pixels = declaredPixels(path);
+    return pixels >= 0 && pixels <= ImageCacheWorker::maxImagePixels;
 }
 }
 
@@ -313,7 +340,7 @@ QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry
     const QPixmap canvas = blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);
 
     QPixmap loaded;
-    if (!declaresTooManyPixels(path)) {
+    if (fitsTheDecodingLimit(path)) {
         loaded = QPixmap(path);
     }
     if (loaded.isNull()) {

@@ -70,8 +70,9 @@ public:
 
     Snapshot snapshot() const;
 
-    // Images declaring more pixels than this (512 MiB as 32-bit pixels) are
-    // never decoded: a lock screen must not be taken down by one huge file.
+    // Images declaring more pixels than this (512 MiB as 32-bit pixels), or
+    // whose header does not tell their size, are never decoded: a lock
+    // screen must not be taken down by one huge or broken file.
     static constexpr qint64 maxImagePixels = 134217728;
 
     // Loads the file and fits it to the geometry's size in the given mode.
