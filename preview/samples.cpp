@@ -147,6 +147,10 @@ int makeContactSheet(const QString &out, const QStringList &frames)
 
 int main(int argc, char **argv)
 {
+    // Nothing here is shown: no screen is needed.
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
     QGuiApplication app(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() == 3 && arguments.at(1) == QLatin1String("images")) {
