@@ -1,0 +1,486 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+// Faults while a show runs: images deleted, replaced and made unreadable
+// under it, its directory removed and made again, and the screensaver
+// destroyed while its worker is busy with a large image or hangs on a named
+// pipe, or while a clearing waits for such a worker. Nothing may crash, and
+// what the design says happens must happen: a file that cannot be read is a
+// black slide with the worker's warning, a cached slide stays until the
+// cache is emptied, the label's shutdown gives up after 5000 ms.
+
+#include "imagecache/imagecacheworker.h"
+#include "slidelabel/slidelabel.h"
+#include "slideshow/slideshow.h"
+#include "testutils.h"
+
+#include <QAbstractAnimation>
+#include <QDebug>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QImageWriter>
+#include <QPointer>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QVBoxLayout>
+#include <QVariantAnimation>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Dm::ScreenSaver;
+using TestUtils::LogRecorder;
+
+namespace
+{
+// Generous: the sanitizer builds decode and scale many times slower.
+const int slowTimeout = 30000;
+
+const QString shutdownWarning = QStringLiteral("SlideLabel: Cache thread did not finish correctly within the timeout.");
+
+QString loadWarning(const QString &path)
+{
+    QString text;
+    QDebug(&text).nospace() << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
+    return text;
+}
+
+QString quoted(const QString &text)
+{
+    QString result;
+    QDebug(&result).nospace() << text;
+    return result;
+}
+
+// A host window with the screensaver filling it. The show does not switch on
+// its own (an hour's interval) unless a test starts it with a short one.
+struct Host {
+    QWidget window;
+    QPointer<SlideShow> show;
+    int switches = 0;
+
+    explicit Host(const QString &dir, int autoSwitch = 3600, int effect = 0)
+    {
+        auto *layout = new QVBoxLayout(&window);
+        layout->setContentsMargins(0, 0, 0, 0);
+        show = new SlideShow(&window);
+        layout->addWidget(show);
+        window.resize(320, 240);
+        QObject::connect(show->fadeAnimation(), &QAbstractAnimation::stateChanged, &window, [this](QAbstractAnimation::State state) {
+            if (state == QAbstractAnimation::Running) {
+                ++switches;
+            }
+        });
+        window.show();
+        show->setProperty({{QStringLiteral("ImageDirectory"), dir},
+            {QStringLiteral("AutoSwitch"), autoSwitch},
+            {QStringLiteral("Effect"), effect},
+            {QStringLiteral("Position"), int(Crop)}});
+    }
+
+    SlideLabel *label() const
+    {
+        return show->slideLabel();
+    }
+
+    QRgb centre()
+    {
+        const QImage image = show->grab().toImage().convertToFormat(QImage::Format_ARGB32);
+        return image.pixel(image.width() / 2, image.height() / 2);
+    }
+
+    // Steps the sequence by hand to the slide with this path and ends its
+    // fade, so that only that slide is visible.
+    bool showSlide(const QString &path)
+    {
+        for (int i = 0; i <= label()->files().size() && label()->currentImage() != path; ++i) {
+            label()->setNext();
+        }
+        label()->setOpacity(1.0);
+        return label()->currentImage() == path;
+    }
+
+    // A resize empties the worker's cache (after the work in flight, which
+    // it waits for) and asks again for the visible slides.
+    void refill()
+    {
+        window.resize(window.width() == 320 ? QSize(330, 250) : QSize(320, 240));
+    }
+};
+
+// Releases a reader that waits in open() on a named pipe: from another
+// thread it opens the pipe for writing, without blocking, and closes it
+// again, whenever a reader waits there, until it is stopped. Each open of
+// the worker then reads an empty file.
+class PipeReleaser
+{
+public:
+    explicit PipeReleaser(const QString &pipe)
+        : m_pipe(QFile::encodeName(pipe))
+    {
+    }
+
+    ~PipeReleaser()
+    {
+        if (!m_thread.joinable()) {
+            // A test that failed before it released the pipe: release it for
+            // a while, so that the worker's thread can end.
+            start();
+            std::this_thread::sleep_for(std::chrono::seconds(2));
+        }
+        m_stop.store(true);
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+    void start()
+    {
+        m_thread = std::thread([this] {
+            while (!m_stop.load()) {
+                // Succeeds only while a reader has the pipe open.
+                const int writer = ::open(m_pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+                if (writer >= 0) {
+                    ::close(writer);
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    }
+
+private:
+    const QByteArray m_pipe;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+const QColor red(220, 30, 30);
+const QColor green(30, 200, 60);
+const QColor blue(30, 40, 210);
+const QColor yellow(230, 220, 40);
+const QColor black(0, 0, 0);
+}
+
+class FaultTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_large;
+    QString m_largeImage;
+
+    // Three solid images a, b, c in dir (red, green, blue).
+    static QStringList writeThree(const QString &dir)
+    {
+        return {TestUtils::writeSolidImage(dir, QStringLiteral("a.png"), QSize(64, 48), red),
+            TestUtils::writeSolidImage(dir, QStringLiteral("b.png"), QSize(64, 48), green),
+            TestUtils::writeSolidImage(dir, QStringLiteral("c.png"), QSize(64, 48), blue)};
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        TestUtils::setSlideShowDebugEnabled(true);
+    }
+
+    void cleanupTestCase()
+    {
+        TestUtils::setSlideShowDebugEnabled(false);
+    }
+
+    void deletedImagesBecomeBlackSlidesAndTheShowGoesOn()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeThree(dir.path());
+        LogRecorder recorder;
+        Host host(dir.path(), 0, 10);
+        host.show->start();
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= 5, slowTimeout);
+
+        // Deleted while shown: what is cached still shows.
+        QVERIFY(QFile::remove(paths.at(1)));
+        QVERIFY(QFile::remove(paths.at(2)));
+        const int before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        host.show->stop();
+
+        // Once the cache is emptied the files are read again: black slides,
+        // one warning for each.
+        host.refill();
+        QVERIFY(host.showSlide(paths.at(1)));
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), black, 0), slowTimeout);
+        QVERIFY(host.showSlide(paths.at(2)));
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), black, 0), slowTimeout);
+        QVERIFY(host.showSlide(paths.at(0)));
+        // Solid colours cropped to the screen: exact up to rounding.
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), red, 1), slowTimeout);
+        QVERIFY(recorder.count(loadWarning(paths.at(1))) >= 1);
+        QVERIFY(recorder.count(loadWarning(paths.at(2))) >= 1);
+        QCOMPARE(recorder.count(loadWarning(paths.at(0))), 0);
+        QCOMPARE(recorder.count(shutdownWarning), 0);
+    }
+
+    void replacedImagesShowTheNewContentOnceTheCacheIsEmptied()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeThree(dir.path());
+        LogRecorder recorder;
+        Host host(dir.path(), 0, 10);
+        host.show->start();
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= 5, slowTimeout);
+
+        // Replaced while shown: a yellow image in place of a, text in
+        // place of b.
+        QVERIFY(QFile::remove(paths.at(0)));
+        TestUtils::writeSolidImage(dir.path(), QStringLiteral("a.png"), QSize(64, 48), yellow);
+        QFile text(paths.at(1));
+        QVERIFY(text.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        text.write("not an image any more\n");
+        text.close();
+        const int before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        host.show->stop();
+
+        // A slide still cached is the old picture until the cache empties.
+        host.refill();
+        QVERIFY(host.showSlide(paths.at(0)));
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), yellow, 1), slowTimeout);
+        QVERIFY(host.showSlide(paths.at(1)));
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), black, 0), slowTimeout);
+        QVERIFY(recorder.count(loadWarning(paths.at(1))) >= 1);
+        QCOMPARE(recorder.count(loadWarning(paths.at(0))), 0);
+    }
+
+    void unreadableImagesBecomeBlackSlides()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeThree(dir.path());
+        LogRecorder recorder;
+        Host host(dir.path(), 0, 10);
+        host.show->start();
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= 5, slowTimeout);
+
+        QVERIFY(QFile::setPermissions(paths.at(2), QFileDevice::Permissions()));
+        QFile probe(paths.at(2));
+        const bool stillReadable = probe.open(QIODevice::ReadOnly);
+        probe.close();
+        const int before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        host.show->stop();
+
+        host.refill();
+        QVERIFY(host.showSlide(paths.at(2)));
+        if (stillReadable) {
+            // As root the mode stops no read: the slide is shown as it is.
+            QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), blue, 1), slowTimeout);
+            QCOMPARE(recorder.count(loadWarning(paths.at(2))), 0);
+            QSKIP("Running as root: mode 000 does not stop reads, so an unreadable file cannot be made here; the file was shown as a readable one.");
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), black, 0), slowTimeout);
+        QVERIFY(recorder.count(loadWarning(paths.at(2))) >= 1);
+    }
+
+    void removedAndRecreatedDirectoryRecovers()
+    {
+        QTemporaryDir parent;
+        QVERIFY(parent.isValid());
+        const QString dirPath = QDir(parent.path()).filePath(QStringLiteral("slides"));
+        QVERIFY(QDir().mkpath(dirPath));
+        const QStringList paths = writeThree(dirPath);
+        LogRecorder recorder;
+        Host host(dirPath, 0, 10);
+        host.show->start();
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= 5, slowTimeout);
+
+        // Gone while shown: every slide read afterwards is black.
+        QVERIFY(QDir(dirPath).removeRecursively());
+        int before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        host.refill();
+        before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(loadWarning(host.label()->currentImage())) >= 1, slowTimeout);
+
+        // Made again with the same names and new colours: the list still
+        // holds the names, so the next reads find the new files.
+        QVERIFY(QDir().mkpath(dirPath));
+        TestUtils::writeSolidImage(dirPath, QStringLiteral("a.png"), QSize(64, 48), yellow);
+        TestUtils::writeSolidImage(dirPath, QStringLiteral("b.png"), QSize(64, 48), yellow);
+        TestUtils::writeSolidImage(dirPath, QStringLiteral("c.png"), QSize(64, 48), yellow);
+        before = host.switches;
+        QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
+        host.show->stop();
+        host.refill();
+        QVERIFY(host.showSlide(paths.at(1)));
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), yellow, 1), slowTimeout);
+
+        // Settings applied while the directory is missing: the critical line
+        // and the fallback text; applied again once it is back: the slides.
+        QVERIFY(QDir(dirPath).removeRecursively());
+        host.show->setProperty(host.show->property());
+        QCOMPARE(
+            recorder.count(quoted(QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dirPath))), 1);
+        QVERIFY(host.label()->files().isEmpty());
+        QVERIFY(QDir().mkpath(dirPath));
+        TestUtils::writeSolidImage(dirPath, QStringLiteral("z.png"), QSize(64, 48), green);
+        host.show->setProperty(host.show->property());
+        QCOMPARE(host.label()->files(), QStringList{QDir(dirPath).filePath(QStringLiteral("z.png"))});
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), green, 1), slowTimeout);
+        QCOMPARE(recorder.count(shutdownWarning), 0);
+    }
+
+    void destroyedWhileTheWorkerPreparesALargeImage()
+    {
+#ifdef ZAV_THREAD_SANITIZER
+        QSKIP("Qt scales a large image on its own uninstrumented thread pool, which ThreadSanitizer cannot follow.");
+#endif
+        if (m_largeImage.isEmpty()) {
+            // Created once: a busy 8000 x 6000 picture that takes a while to
+            // decode and to scale.
+            QVERIFY(m_large.isValid());
+            QImage image(8000, 6000, QImage::Format_RGB32);
+            for (int y = 0; y < image.height(); ++y) {
+                auto *line = reinterpret_cast<QRgb *>(image.scanLine(y));
+                for (int x = 0; x < image.width(); ++x) {
+                    line[x] = qRgb((x * 7 + y) & 0xff, (x ^ y) & 0xff, (x * y) & 0xff);
+                }
+            }
+            QImageWriter writer(QDir(m_large.path()).filePath(QStringLiteral("large.png")), "png");
+            writer.setCompression(1);
+            QVERIFY2(writer.write(image), qPrintable(writer.errorString()));
+            m_largeImage = writer.fileName();
+        }
+
+        auto recording = std::make_unique<LogRecorder>();
+        LogRecorder &recorder = *recording;
+        auto host = std::make_unique<Host>(m_large.path());
+        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(m_largeImage)) >= 1, slowTimeout);
+
+        QElapsedTimer timer;
+        timer.start();
+        host.reset();
+        const qint64 elapsed = timer.elapsed();
+        // The label waits for the thread at most 5000 ms; a little more for
+        // the rest of the destruction on a loaded machine.
+        QVERIFY2(elapsed < 6000, qPrintable(QString::number(elapsed)));
+        if (elapsed >= 5000) {
+            // The image took longer (a sanitizer build): the thread was
+            // abandoned with the warning and ends on its own.
+            QCOMPARE(recorder.count(shutdownWarning), 1);
+        } else {
+            QCOMPARE(recorder.count(shutdownWarning), 0);
+        }
+        // Either way the worker is deleted in its thread in the end.
+        QTRY_VERIFY_WITH_TIMEOUT(worker.isNull(), 120000);
+        // Said after the recorder, which would keep it.
+        recording.reset();
+        qInfo("destroyed in %lld ms", elapsed);
+    }
+
+    void destroyedWhileTheWorkerHangsOnANamedPipe()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeThree(dir.path());
+        auto recording = std::make_unique<LogRecorder>();
+        LogRecorder &recorder = *recording;
+        auto host = std::make_unique<Host>(dir.path());
+        // The first slide is shown: the worker has prepared it.
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host->centre(), red, 1), slowTimeout);
+
+        // c.png becomes a named pipe after the scan listed it as a file; the
+        // next step asks for it as the look-ahead image, and the worker
+        // waits in open() for a writer.
+        QVERIFY(QFile::remove(paths.at(2)));
+        QCOMPARE(::mkfifo(QFile::encodeName(paths.at(2)).constData(), 0644), 0);
+        PipeReleaser releaser(paths.at(2));
+        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        host->label()->setNext();
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(paths.at(2))) >= 1, slowTimeout);
+
+        QElapsedTimer timer;
+        timer.start();
+        host.reset();
+        const qint64 elapsed = timer.elapsed();
+        // The label's shutdown gives up after 5000 ms and abandons the
+        // thread with a warning; destruction goes on.
+        QVERIFY2(elapsed >= 4900 && elapsed < 6000, qPrintable(QString::number(elapsed)));
+        QCOMPARE(recorder.count(shutdownWarning), 1);
+
+        // Released, the worker reads an empty file (a black slide nobody
+        // shows any more), its thread ends and deletes it.
+        releaser.start();
+        QTRY_VERIFY_WITH_TIMEOUT(worker.isNull(), slowTimeout);
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(loadWarning(paths.at(2))) == 1, slowTimeout);
+        // Said after the recorder, which would keep it.
+        recording.reset();
+        qInfo("destroyed in %lld ms", elapsed);
+    }
+
+    void clearingWaitsAsLongAsTheWorkerHangsThenDestroyIsQuick()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeThree(dir.path());
+        auto recording = std::make_unique<LogRecorder>();
+        LogRecorder &recorder = *recording;
+        auto host = std::make_unique<Host>(dir.path());
+        // The first slide is shown: the worker has prepared it.
+        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host->centre(), red, 1), slowTimeout);
+
+        QVERIFY(QFile::remove(paths.at(2)));
+        QCOMPARE(::mkfifo(QFile::encodeName(paths.at(2)).constData(), 0644), 0);
+        PipeReleaser releaser(paths.at(2));
+        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        host->label()->setNext();
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(paths.at(2))) >= 1, slowTimeout);
+
+        // The worker holds its mutex while it prepares an image, so a
+        // clearing (here from a resize) waits for that lock before its own
+        // bounded wait even begins: it lasts as long as the hang. The pipe
+        // is released from another thread after three seconds.
+        const int hangMs = 3000;
+        std::thread release([&releaser, hangMs] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(hangMs));
+            releaser.start();
+        });
+        QElapsedTimer timer;
+        timer.start();
+        host->refill();
+        const qint64 clearing = timer.elapsed();
+        release.join();
+        QVERIFY2(clearing >= hangMs - 100, qPrintable(QString::number(clearing)));
+        QVERIFY2(clearing < hangMs + 10000, qPrintable(QString::number(clearing)));
+        // The hanging request ended before the wait, so it never timed out.
+        QCOMPARE(recorder.count(QStringLiteral("ImageCacheWorker: Timesout to wait for the completion of requests. Perhaps some requests were hanging.")), 0);
+        QCOMPARE(recorder.count(loadWarning(paths.at(2))), 1);
+
+        // Nothing hangs any more: the label's shutdown is quick.
+        timer.restart();
+        host.reset();
+        const qint64 destroying = timer.elapsed();
+        QVERIFY2(destroying < 5000, qPrintable(QString::number(destroying)));
+        QCOMPARE(recorder.count(shutdownWarning), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(worker.isNull(), slowTimeout);
+        // Said after the recorder, which would keep it.
+        recording.reset();
+        qInfo("the clearing waited %lld ms for a hang of %d ms; destroyed in %lld ms", clearing, hangMs, destroying);
+    }
+};
+
+QTEST_MAIN(FaultTest)
+
+#include "faulttest.moc"
