@@ -53,6 +53,20 @@ QPixmap blackCanvas(const QSize &size, double devicePixelRatio)
     return canvas;
 }
 
+// The centred part of an image of the given size that has the target's
+// aspect ratio: what Crop shows of it. At least one pixel each way.
+QRect visiblePart(const QSize &image, const QSize &target)
+{
+    qint64 width = image.width();
+    qint64 height = image.height();
+    if (width * target.height() > height * target.width()) {
+        width = qMax<qint64>(1, qRound64(double(height) * target.width() / target.height()));
+    } else {
+        height = qMax<qint64>(1, qRound64(double(width) * target.height() / target.width()));
+    }
+    return QRect(int((image.width() - width) / 2), int((image.height() - height) / 2), int(width), int(height));
+}
+
 // How many pixels decoding the file would allocate, from its header alone,
 // or -1 when the header does not say: then the file is not decoded at all,
 // since a decoder may allocate whatever a broken header claims.
@@ -398,7 +412,16 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
         return canvas;
     }
 
-    const QImage image = loaded.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
+    // Scaling the whole image to cover the target and cutting the middle out
+    // afterwards is what gives the exact pixels, but for a very thin image
+    // the intermediate is enormous (a 1 x 10000 image covering 400 x 300
+    // would take 400 x 4,000,000 pixels). Past 16 times the target's pixels
+    // the part that will be shown is cut out first and only it is scaled.
+    const QSize expanded = loaded.size().scaled(size, Qt::KeepAspectRatioByExpanding);
+    const QPixmap source = qint64(expanded.width()) * expanded.height() > 16 * qint64(size.width()) * size.height()
+        ? loaded.copy(visiblePart(loaded.size(), size))
+        : loaded;
+    const QImage image = source.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
     const int iw = image.width();
     const int ih = image.height();
     const int w = size.width();

@@ -12,11 +12,14 @@
 
 #include <QColor>
 #include <QDir>
+#include <QFileInfo>
 #include <QFont>
 #include <QPainter>
 #include <QRectF>
 #include <QResizeEvent>
 #include <QThread>
+
+#include <algorithm>
 
 namespace Dm
 {
@@ -99,7 +102,16 @@ void SlideLabel::setDir(const QString &dir)
     // Files only (links to files included, hidden files not), the patterns
     // matched regardless of case; NoSort keeps the directory's own order,
     // which is by name ignoring case.
-    const QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
+    QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
+    // QDir takes any link for a file; keep only what is, or leads to, a
+    // regular file. A link to a named pipe or a device would block the
+    // worker in open() while it holds its mutex, and the GUI thread with it.
+    names.erase(std::remove_if(names.begin(),
+                               names.end(),
+                               [&directory](const QString &name) {
+                                   return !QFileInfo(directory.filePath(name)).isFile();
+                               }),
+                names.end());
     if (names.isEmpty()) {
         qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dir);
         imageFiles.clear();
