@@ -20,6 +20,7 @@
 #include <QJsonObject>
 #include <QLibrary>
 #include <QPluginLoader>
+#include <QScreen>
 #include <QSettings>
 #include <QTextStream>
 #include <QTimer>
@@ -261,6 +262,9 @@ int main(int argc, char **argv)
         window.resize(options.window);
         window.show();
     } else {
+        // Without a window manager (a bare X server, a greeter's display)
+        // nobody resizes a full-screen window: give it the screen's size.
+        window.setGeometry(window.screen()->geometry());
         window.showFullScreen();
     }
     app.installEventFilter(new WakeUpFilter(screenSaver));

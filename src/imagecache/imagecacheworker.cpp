@@ -349,9 +349,11 @@ ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
 
 QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const
 {
-    // Built first whether it is needed or not: it is also the answer for a
-    // file that cannot be read.
-    const QPixmap canvas = blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);
+    // The black canvas of the target's size is the answer for a file that
+    // cannot be read; it is only built then (at 4K it costs a full fill).
+    // The size the canvas would have: a pixmap of a non-positive size is
+    // null, of size 0 x 0.
+    const QSize size = geometry.width() > 0 && geometry.height() > 0 ? QSize(geometry.width(), geometry.height()) : QSize(0, 0);
 
     QPixmap loaded;
     if (fitsTheDecodingLimit(path)) {
@@ -359,11 +361,10 @@ QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry
     }
     if (loaded.isNull()) {
         qCWarning(slideShowLog) << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
-        return canvas;
+        return blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);
     }
 
     // The mode works on the pixmap loaded here: each file is decoded once.
-    const QSize size = canvas.size();
     switch (position) {
     case Stretch:
         return stretch(loaded, size);
