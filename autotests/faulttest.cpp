@@ -466,7 +466,11 @@ private Q_SLOTS:
         QVERIFY2(clearing < hangMs + 10000, qPrintable(QString::number(clearing)));
         // The hanging request ended before the wait, so it never timed out.
         QCOMPARE(recorder.count(QStringLiteral("ImageCacheWorker: Timesout to wait for the completion of requests. Perhaps some requests were hanging.")), 0);
-        QCOMPARE(recorder.count(loadWarning(paths.at(2))), 1);
+        // The released pipe reads as an empty file: a black slide with the
+        // load warning. The refill after the clearing may ask for the same
+        // path again, and the releaser answers that open too, so a second
+        // warning can come at any moment from here on.
+        QVERIFY(recorder.count(loadWarning(paths.at(2))) >= 1);
 
         // Nothing hangs any more: the label's shutdown is quick.
         timer.restart();
