@@ -32,37 +32,17 @@ using TestUtils::LogRecorder;
 
 namespace
 {
-QString translated(const char *text)
-{
-    return ki18nd("zav-screensaver_slideshow", text).toString();
-}
+using TestUtils::settingsMap;
+using TestUtils::translated;
 
 const QString directoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
 const QString effectKey = QStringLiteral("Effect");
 const QString positionKey = QStringLiteral("Position");
 
-QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
-{
-    return QVariantMap{
-        {directoryKey, directory},
-        {autoSwitchKey, autoSwitch},
-        {effectKey, effect},
-        {positionKey, position},
-    };
-}
-
-// A log text as QDebug writes it: the leading text and the map.
 QString logText(const char *leading, const QVariantMap &map)
 {
-    QString text;
-    QDebug(&text) << leading << map;
-    // A QDebug on a string keeps the blank after its last item; the message
-    // handler never sees that blank.
-    if (text.endsWith(QLatin1Char(' '))) {
-        text.chop(1);
-    }
-    return text;
+    return TestUtils::mapLogText(leading, map);
 }
 
 struct DialogControls {

@@ -53,17 +53,10 @@ QVariantMap expectedDefaults()
     };
 }
 
-// What the debug stream makes of the leading text and the map. A QDebug on a
-// string keeps the separator after the last item, which the message output
-// drops.
+// What the debug stream makes of the leading text and the map.
 QString debugText(const QVariantMap &map)
 {
-    QString text;
-    QDebug(&text) << "SlideShow set property:" << map;
-    if (text.endsWith(QLatin1Char(' '))) {
-        text.chop(1);
-    }
-    return text;
+    return TestUtils::mapLogText("SlideShow set property:", map);
 }
 
 QStringList propertyDebugLines(const LogRecorder &recorder)

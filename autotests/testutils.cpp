@@ -5,6 +5,9 @@
 
 #include "testutils.h"
 
+#include <KLocalizedString>
+
+#include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QLoggingCategory>
@@ -100,6 +103,33 @@ void LogRecorder::clear()
 {
     std::lock_guard<std::mutex> locker(m_mutex);
     m_entries.clear();
+}
+
+QString mapLogText(const char *leading, const QVariantMap &map)
+{
+    QString text;
+    QDebug(&text) << leading << map;
+    // A QDebug on a string keeps the blank after its last item; the message
+    // handler never sees that blank.
+    if (text.endsWith(QLatin1Char(' '))) {
+        text.chop(1);
+    }
+    return text;
+}
+
+QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
+{
+    return QVariantMap{
+        {QStringLiteral("ImageDirectory"), directory},
+        {QStringLiteral("AutoSwitch"), autoSwitch},
+        {QStringLiteral("Effect"), effect},
+        {QStringLiteral("Position"), position},
+    };
+}
+
+QString translated(const char *text)
+{
+    return ki18nd("zav-screensaver_slideshow", text).toString();
 }
 
 void setSlideShowDebugEnabled(bool enabled)

@@ -12,6 +12,7 @@
 #include <QSize>
 #include <QString>
 #include <QStringList>
+#include <QVariantMap>
 #include <QtGlobal>
 
 #include <atomic>
@@ -61,6 +62,16 @@ private:
     // Read by whichever thread logs.
     static std::atomic<LogRecorder *> s_current;
 };
+
+// A log line of the plug-in that streams a leading text and a settings map,
+// as the message handler receives it.
+QString mapLogText(const char *leading, const QVariantMap &map);
+
+// A settings map with the four keys.
+QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position);
+
+// A text of the plug-in, translated as the plug-in translates it.
+QString translated(const char *text);
 
 // Turns the plug-in's debug output on or off through the logging rules.
 void setSlideShowDebugEnabled(bool enabled);
