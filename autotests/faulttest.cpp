@@ -47,19 +47,8 @@ const int slowTimeout = 30000;
 
 const QString shutdownWarning = QStringLiteral("SlideLabel: Cache thread did not finish correctly within the timeout.");
 
-QString loadWarning(const QString &path)
-{
-    QString text;
-    QDebug(&text).nospace() << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
-    return text;
-}
-
-QString quoted(const QString &text)
-{
-    QString result;
-    QDebug(&result).nospace() << text;
-    return result;
-}
+using TestUtils::loadWarning;
+using TestUtils::quoted;
 
 // A host window with the screensaver filling it. The show does not switch on
 // its own (an hour's interval) unless a test starts it with a short one.

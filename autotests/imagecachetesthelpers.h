@@ -43,11 +43,7 @@ inline TestUtils::LogEntry warning(const QString &text)
     return TestUtils::LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtWarningMsg, text};
 }
 
-// QDebug prints a QString value between double quotes.
-inline QString quoted(const QString &text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
+using TestUtils::quoted;
 
 inline QString describe(const QList<TestUtils::LogEntry> &entries)
 {

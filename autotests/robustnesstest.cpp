@@ -17,6 +17,8 @@
 // (QEXPECT_FAIL) and turn into a failure (XPASS) once it is mended. The
 // figures of every row are printed, and again as a table at the end.
 
+#include "testutils.h"
+
 #include <QBuffer>
 #include <QDebug>
 #include <QDir>
@@ -56,19 +58,9 @@ const qint64 sanitizerExtraMiB = 0;
 
 const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
 
-// A message the plug-in streams as one QString value, as QDebug prints it:
-// in double quotes, with special characters escaped.
-QString debugQuoted(const QString &text)
-{
-    QString result;
-    QDebug(&result).nospace() << text;
-    return result;
-}
-
-QString loadWarning(const QString &path)
-{
-    return debugQuoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path));
-}
+// A message the plug-in streams as one QString value is printed quoted.
+using TestUtils::loadWarning;
+const auto debugQuoted = TestUtils::quoted;
 
 QString directoryCritical(const QString &dir)
 {

@@ -44,11 +44,7 @@ inline TestUtils::LogEntry entry(QtMsgType type, const QString &text)
     return TestUtils::LogEntry{categoryName(), type, text};
 }
 
-// A path as the debug stream prints a QString.
-inline QString quoted(const QString &text)
-{
-    return QLatin1Char('"') + text + QLatin1Char('"');
-}
+using TestUtils::quoted;
 
 // The rectangle by which a label asks for and looks up its images: its
 // position, its size times the integer device-pixel ratio.

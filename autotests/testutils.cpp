@@ -117,6 +117,18 @@ QString mapLogText(const char *leading, const QVariantMap &map)
     return text;
 }
 
+QString quoted(const QString &text)
+{
+    QString result;
+    QDebug(&result).nospace() << text;
+    return result;
+}
+
+QString loadWarning(const QString &path)
+{
+    return quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path));
+}
+
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
 {
     return QVariantMap{

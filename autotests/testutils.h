@@ -67,6 +67,13 @@ private:
 // as the message handler receives it.
 QString mapLogText(const char *leading, const QVariantMap &map);
 
+// A QString value as the debug stream prints it: in double quotes, with
+// special characters escaped.
+QString quoted(const QString &text);
+
+// The warning the worker logs for an image it cannot load.
+QString loadWarning(const QString &path);
+
 // A settings map with the four keys.
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position);
 
