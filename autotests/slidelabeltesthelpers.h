@@ -56,8 +56,8 @@ inline QRect deviceGeometry(const QWidget &label)
 
 // Every call of ImageCacheWorker::requestProcessImage logs exactly one of
 // these lines, in the calling (GUI) thread. Returns one item per call, in
-// order: "queued <key>", "waiting <key>", "cached <path>", "rejected <path>"
-// or "invalid <rectangle>", where a key is "<path>|<w>x<h>".
+// order: "queued <key>", "waiting <key>", "cached <path>" or
+// "invalid <rectangle>", where a key is "<path>|<w>x<h>".
 inline QStringList workerRequests(const TestUtils::LogRecorder &log)
 {
     static const struct {
@@ -68,7 +68,6 @@ inline QStringList workerRequests(const TestUtils::LogRecorder &log)
         {"ImageCacheWorker: setting a request for image processing in the queue for: ", "queued", true},
         {"ImageCacheWorker: the request is already waiting for the way: ", "waiting", true},
         {"ImageCacheWorker: the image is already caching with the correct size, the request for the request: ", "cached", true},
-        {"ImageCacheWorker: the processing request has been rejected, as the cache cleaning is initiated: ", "rejected", true},
         {"ImageCacheWorker: requestProcessimage is called with invalid geometry, pass: ", "invalid", false},
     };
     QStringList result;
@@ -97,7 +96,7 @@ inline QStringList requestedPaths(const TestUtils::LogRecorder &log)
     for (const QString &request : requests) {
         QString value = request.section(QLatin1Char(' '), 1);
         const int bar = value.lastIndexOf(QLatin1Char('|'));
-        if (!request.startsWith(QLatin1String("cached ")) && !request.startsWith(QLatin1String("rejected ")) && bar >= 0) {
+        if (!request.startsWith(QLatin1String("cached ")) && bar >= 0) {
             value.truncate(bar);
         }
         result.append(value);
@@ -118,13 +117,10 @@ inline QStringList guiFlow(const TestUtils::LogRecorder &log)
 {
     static const char *const workerPrefixes[] = {
         "ImageCacheWorker: the cleaning of all cache data is initiated.",
-        "ImageCacheWorker: waiting for completion ",
-        "ImageCacheWorker: Timesout to wait",
         "ImageCacheWorker: All cache data are cleaned.",
         "ImageCacheWorker: setting a request for image processing in the queue for: ",
         "ImageCacheWorker: the request is already waiting for the way: ",
         "ImageCacheWorker: the image is already caching with the correct size",
-        "ImageCacheWorker: the processing request has been rejected",
         "ImageCacheWorker: requestProcessimage is called with invalid geometry",
     };
     QStringList result;

@@ -88,6 +88,13 @@ QString writeSolidImage(const QString &directory, const QString &fileName, const
 // Writes the image and returns its path; fails the calling test on error.
 QString writeImage(const QString &directory, const QString &fileName, const QImage &image);
 
+// Writes a grey progressive JPEG of size x size pixels (a multiple of 8)
+// whose first scan is followed by acScans scans that each carry next to no
+// data but make the decoder walk over every block of the image again: a
+// small file that takes a decoder minutes. Returns its path, or an empty
+// string on error.
+QString writeManyScanJpeg(const QString &directory, const QString &fileName, int size, int acScans);
+
 // The process's peak resident memory in KiB (VmHWM), or -1.
 qint64 peakResidentKiB();
 

@@ -25,10 +25,7 @@
 // (the default mode at 1920x1080), in the order in which the slide show takes
 // them.
 //
-// --idle-cache-thread runs the label's cache thread at the scheduler's idle
-// priority in sections 3 and 4, to show what that would change.
-//
-//   zav-benchmark [--quick] [--runs N] [--sections 1234] [--photos DIR [--only-photos]] [--idle-cache-thread]
+//   zav-benchmark [--quick] [--runs N] [--sections 1234] [--photos DIR [--only-photos]]
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
@@ -61,6 +58,10 @@
 #include <functional>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 using Dm::ScreenSaver::ImageCacheWorker;
 using Dm::ScreenSaver::Position;
 using Dm::ScreenSaver::SlideLabel;
@@ -68,17 +69,6 @@ using Dm::ScreenSaver::SlideShow;
 
 namespace
 {
-// --idle-cache-thread: what the stalls and the start would be if the cache
-// thread ran at the scheduler's idle priority.
-bool idleCacheThread = false;
-
-void applyCacheThreadPriority(const SlideLabel *label)
-{
-    if (idleCacheThread) {
-        label->worker()->thread()->setPriority(QThread::IdlePriority);
-    }
-}
-
 // How long any one wait for the worker may take before the run is declared
 // stuck: a 24-megapixel photo takes about a second on a slow machine.
 constexpr int patienceMs = 120000;
@@ -686,7 +676,6 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     show.resize(1920, 1080);
     show.show();
     SlideLabel *label = show.slideLabel();
-    applyCacheThreadPriority(label);
     waitUntil([&]() {
         return label->size() == QSize(1920, 1080);
     });
@@ -805,6 +794,58 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     };
     measure("fitting mode (Crop <-> Stretch), idle", false, true, setMode);
     measure("fitting mode, worker busy", true, true, setMode);
+
+    // The worker hangs: a named pipe named like an image, asked for directly,
+    // keeps its thread in open() until someone opens the pipe for writing,
+    // as a file on a network folder that went away would. Nothing gets
+    // ready meanwhile, so the stall is taken over the call and 200 ms after.
+    QTemporaryDir pipeFolder;
+    const QString pipe = pipeFolder.filePath(QStringLiteral("hanging.png"));
+    const QByteArray pipeName = QFile::encodeName(pipe);
+    if (!pipeFolder.isValid() || ::mkfifo(pipeName.constData(), 0600) != 0) {
+        fail(QStringLiteral("cannot make a named pipe"));
+    }
+    const auto releasePipe = [&pipeName]() {
+        // Opens without blocking only while the worker waits in its open.
+        return waitUntil([&pipeName]() {
+            const int writer = ::open(pipeName.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            if (writer < 0) {
+                return false;
+            }
+            ::close(writer);
+            return true;
+        });
+    };
+    const auto measureHanging = [&](const char *what, const std::function<void()> &action) {
+        StallRow row{what, {}, {}, {}};
+        for (int run = 0; run < runs; ++run) {
+            progress(QStringLiteral("stall: %1 %2/%3").arg(QLatin1String(what)).arg(run + 1).arg(runs));
+            ready(true, what);
+            const int started = label->worker()->snapshot().preparationsStarted;
+            label->worker()->requestProcessImage(pipe, QRect(QPoint(0, 0), expectedSize), 1.0, int(label->fittingMode()));
+            if (!waitUntil([&]() {
+                    return label->worker()->snapshot().preparationsStarted > started;
+                })) {
+                fail(QStringLiteral("the worker did not start on the pipe"));
+            }
+            runEventLoopFor(50);
+            monitor.start();
+            runEventLoopFor(20);
+            QElapsedTimer callClock;
+            callClock.start();
+            action();
+            row.callMs.push_back(elapsedMs(callClock));
+            runEventLoopFor(200);
+            row.stallMs.push_back(monitor.stop());
+            if (!releasePipe()) {
+                fail(QStringLiteral("the worker never opened the pipe"));
+            }
+        }
+        printStallRow(row, nullptr);
+    };
+    measureHanging("setDir, worker hangs on a pipe", setDir);
+    measureHanging("resize, worker hangs on a pipe", resize);
+    measureHanging("fitting mode, worker hangs on a pipe", setMode);
     printRule(104);
 }
 
@@ -822,7 +863,6 @@ void benchmarkFirstSlide(const QList<QPair<QString, QString>> &folders, int runs
     show.resize(1920, 1080);
     show.show();
     SlideLabel *label = show.slideLabel();
-    applyCacheThreadPriority(label);
     waitUntil([&]() {
         return label->size() == QSize(1920, 1080);
     });
@@ -881,12 +921,9 @@ int main(int argc, char **argv)
     const QCommandLineOption onlyPhotos(QStringLiteral("only-photos"), QStringLiteral("With --photos: measure nothing else."));
     parser.addOption(quick);
     parser.addOption(runsOption);
-    const QCommandLineOption idleOption(QStringLiteral("idle-cache-thread"),
-                                        QStringLiteral("An experiment: run the cache threads of sections 3 and 4 at QThread::IdlePriority."));
     parser.addOption(photosOption);
     parser.addOption(onlyPhotos);
     const QCommandLineOption sectionsOption(QStringLiteral("sections"), QStringLiteral("Which of the sections 1 to 4 to run (default 1234)."), QStringLiteral("digits"), QStringLiteral("1234"));
-    parser.addOption(idleOption);
     parser.addOption(sectionsOption);
     parser.process(app);
     bool ok = false;
@@ -897,7 +934,6 @@ int main(int argc, char **argv)
     if (parser.isSet(quick)) {
         runs = 1;
     }
-    idleCacheThread = parser.isSet(idleOption);
 
     // QPixmap(file) in the GUI thread goes through the global pixmap cache,
     // the cache thread's loads never do; the photos here are larger than its
@@ -911,9 +947,6 @@ int main(int argc, char **argv)
                 runs,
                 runs == 1 ? "" : "s");
     std::printf("load average at start: %s\n", qPrintable(loadAverage()));
-    if (idleCacheThread) {
-        std::printf("experiment: cache threads at QThread::IdlePriority in sections 3 and 4\n");
-    }
     std::fflush(stdout);
     QElapsedTimer total;
     total.start();

@@ -11,14 +11,15 @@
 #include <QFile>
 #include <QImage>
 #include <QImageReader>
+#include <QElapsedTimer>
 #include <QMetaObject>
-#include <QMutexLocker>
 #include <QPainter>
 #include <QPointF>
 #include <QRectF>
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace Dm
 {
@@ -67,12 +68,82 @@ QRect visiblePart(const QSize &image, const QSize &target)
     return QRect(int((image.width() - width) / 2), int((image.height() - height) / 2), int(width), int(height));
 }
 
+// The file as the decoders read it: a QFile (so that the reader still takes
+// the file name's suffix as its first guess of the format) that hands out at
+// most a small piece per read and, before each piece, asks whether the
+// preparation is still wanted and still within its time budget. Once not,
+// the input ends as if the file ended there, and every decoder finishes at
+// once; what it made of the truncated input is thrown away by the caller.
+class PreparationFile : public QFile
+{
+public:
+    PreparationFile(const QString &path, std::function<bool()> unwanted)
+        : QFile(path)
+        , m_unwanted(std::move(unwanted))
+    {
+        m_timer.start();
+    }
+
+    // Why the input was ended, if it was.
+    bool cutShort() const
+    {
+        return m_unwantedSeen || m_overBudget;
+    }
+    bool overBudget() const
+    {
+        return m_overBudget;
+    }
+
+    bool atEnd() const override
+    {
+        return cutShort() || QFile::atEnd();
+    }
+
+protected:
+    qint64 readData(char *data, qint64 maxSize) override
+    {
+        // In small pieces, so that a decoder that spends long on little input
+        // (thousands of tiny progressive scans) asks again often; but the
+        // whole of what was asked for, for a short read is taken for the end
+        // of the file by some decoders, and for garbage by others.
+        qint64 done = 0;
+        while (done < maxSize && stillWanted()) {
+            const qint64 read = QFile::readData(data + done, qMin<qint64>(maxSize - done, 4096));
+            if (read <= 0) {
+                return done > 0 ? done : read;
+            }
+            done += read;
+        }
+        // Asked again after the reads too, which may have waited long.
+        return stillWanted() ? done : 0;
+    }
+
+private:
+    bool stillWanted()
+    {
+        if (!cutShort()) {
+            if (m_unwanted && m_unwanted()) {
+                m_unwantedSeen = true;
+            } else if (m_timer.hasExpired(ImageCacheWorker::preparationBudget)) {
+                m_overBudget = true;
+            }
+        }
+        return !cutShort();
+    }
+
+    const std::function<bool()> m_unwanted;
+    QElapsedTimer m_timer;
+    bool m_unwantedSeen = false;
+    bool m_overBudget = false;
+};
+
 // How many pixels decoding the file would allocate, from its header alone,
 // or -1 when the header does not say: then the file is not decoded at all,
 // since a decoder may allocate whatever a broken header claims.
-qint64 declaredPixels(const QString &path)
+// gifHeader is the first ten bytes of the file, read before the decoder
+// began.
+qint64 declaredPixels(QImageReader &reader, const QByteArray &gifHeader)
 {
-    QImageReader reader(path);
     const QSize size = reader.size();
     if (!size.isValid()) {
         return -1;
@@ -82,8 +153,7 @@ qint64 declaredPixels(const QString &path)
     // states apart from the size of the first frame that the reader reports:
     // 29 bytes can claim a screen of 65535 x 32767 pixels.
     if (reader.format() == "gif") {
-        QFile file(path);
-        const QByteArray header = file.open(QIODevice::ReadOnly) ? file.read(10) : QByteArray();
+        const QByteArray &header = gifHeader;
         if (header.size() < 10) {
             return -1;
         }
@@ -92,12 +162,6 @@ qint64 declaredPixels(const QString &path)
         pixels = qMax(pixels, screenWidth * screenHeight);
     }
     return pixels;
-}
-
-bool fitsTheDecodingLimit(const QString &path)
-{
-    const qint64 pixels = declaredPixels(path);
-    return pixels >= 0 && pixels <= ImageCacheWorker::maxImagePixels;
 }
 }
 
@@ -113,7 +177,7 @@ ImageCacheWorker::ImageCacheWorker(QObject *parent)
 // sanitizer cannot see, and the lock makes that order visible to it.
 ImageCacheWorker::~ImageCacheWorker()
 {
-    std::lock_guard<std::mutex> locker(containerLock);
+    std::lock_guard<std::mutex> locker(mutex);
     cache.clear();
     cacheOrder.clear();
     pendingRequests.clear();
@@ -130,9 +194,8 @@ QString ImageCacheWorker::getRequestKey(const QString &path, const QRect &geomet
     return path + QLatin1Char('|') + QString::number(geometry.width(), 10) + QLatin1Char('x') + QString::number(geometry.height(), 10);
 }
 
-QPixmap ImageCacheWorker::takeCachedAtSize(const QString &path, const QSize &size)
+QPixmap ImageCacheWorker::takeCachedAtSizeLocked(const QString &path, const QSize &size)
 {
-    std::lock_guard<std::mutex> locker(containerLock);
     const auto it = cache.constFind(path);
     if (it == cache.constEnd() || it->size() != size) {
         return QPixmap();
@@ -141,35 +204,6 @@ QPixmap ImageCacheWorker::takeCachedAtSize(const QString &path, const QSize &siz
     cacheOrder.removeOne(path);
     cacheOrder.append(path);
     return *it;
-}
-
-void ImageCacheWorker::storeImage(const QString &path, const QPixmap &pixmap)
-{
-    QStringList evicted;
-    QList<int> sizesAfterEviction;
-    int cacheSize = 0;
-    int orderSize = 0;
-    {
-        std::lock_guard<std::mutex> locker(containerLock);
-        if (cache.contains(path)) {
-            cacheOrder.removeOne(path);
-        }
-        cache.insert(path, pixmap);
-        cacheOrder.append(path);
-        while (cacheOrder.size() > maxCacheSize) {
-            const QString oldest = cacheOrder.takeFirst();
-            cache.remove(oldest);
-            evicted.append(oldest);
-            sizesAfterEviction.append(cache.size());
-        }
-        cacheSize = cache.size();
-        orderSize = cacheOrder.size();
-    }
-    for (int i = 0; i < evicted.size(); ++i) {
-        qCDebug(slideShowLog) << "ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image:" << evicted.at(i)
-                              << ". New size of the cache:" << sizesAfterEviction.at(i);
-    }
-    qCDebug(slideShowLog) << "ImageCacheWorker: The current size of the cache:" << cacheSize << ". Cache order size:" << orderSize;
 }
 
 QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position)
@@ -181,7 +215,7 @@ QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geome
     QPixmap pixmap;
     {
         // A lookup does not refresh the entry's age.
-        std::lock_guard<std::mutex> locker(containerLock);
+        std::lock_guard<std::mutex> locker(mutex);
         const auto it = cache.constFind(path);
         if (it == cache.constEnd() || it->size() != geometry.size()) {
             return QPixmap();
@@ -194,34 +228,33 @@ QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geome
 
 bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geometry, double devicePixelRatio, int position)
 {
-    if (cleaning.load()) {
-        qCDebug(slideShowLog) << "ImageCacheWorker: the processing request has been rejected, as the cache cleaning is initiated:" << path;
-        return false;
-    }
     const QString key = getRequestKey(path, geometry);
     if (!isValidGeometry(geometry)) {
         qCDebug(slideShowLog) << "ImageCacheWorker: requestProcessimage is called with invalid geometry, pass:" << geometry;
         return false;
     }
 
+    QPixmap cached;
+    bool alreadyPending = false;
+    quint64 requestGeneration = 0;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        cached = takeCachedAtSizeLocked(path, geometry.size());
+        if (cached.isNull()) {
+            alreadyPending = pendingRequests.contains(key);
+            if (!alreadyPending) {
+                pendingRequests.insert(key);
+            }
+        }
+        requestGeneration = generation.load();
+    }
+
     // Already prepared: announce it here, in the caller's thread, so that the
     // caller hears of it before this function returns.
-    const QPixmap cached = takeCachedAtSize(path, geometry.size());
     if (!cached.isNull()) {
         qCDebug(slideShowLog) << "ImageCacheWorker: the image is already caching with the correct size, the request for the request:" << path;
         Q_EMIT imageCached(path, cached);
         return false;
-    }
-
-    // Waits here while the worker prepares an image.
-    QMutexLocker locker(&mutex);
-    bool alreadyPending = false;
-    {
-        std::lock_guard<std::mutex> containerLocker(containerLock);
-        alreadyPending = pendingRequests.contains(key);
-        if (!alreadyPending) {
-            pendingRequests.insert(key);
-        }
     }
     if (alreadyPending) {
         qCDebug(slideShowLog) << "ImageCacheWorker: the request is already waiting for the way:" << key;
@@ -234,82 +267,122 @@ bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geo
                               Q_ARG(QString, path),
                               Q_ARG(QRect, geometry),
                               Q_ARG(qreal, devicePixelRatio),
-                              Q_ARG(int, position));
+                              Q_ARG(int, position),
+                              Q_ARG(quint64, requestGeneration));
     return true;
 }
 
-void ImageCacheWorker::processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position)
+void ImageCacheWorker::processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position, quint64 requestGeneration)
 {
     qCDebug(slideShowLog) << "ImageCacheWorker: internal image processing:" << path;
-    QMutexLocker locker(&mutex);
+    const QString key = getRequestKey(path, screenGeom);
 
-    QPixmap pixmap = takeCachedAtSize(path, screenGeom.size());
-    if (!pixmap.isNull()) {
+    enum class Start { Outdated, AlreadyCached, Prepare };
+    Start start = Start::Prepare;
+    QPixmap pixmap;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        if (requestGeneration != generation.load()) {
+            // Queued before a clearing, which has already forgotten its key;
+            // the same key may be pending again for a newer request, so it is
+            // left alone.
+            start = Start::Outdated;
+        } else {
+            pixmap = takeCachedAtSizeLocked(path, screenGeom.size());
+            if (!pixmap.isNull()) {
+                pendingRequests.remove(key);
+                start = Start::AlreadyCached;
+            } else {
+                ++preparationsStarted;
+            }
+        }
+    }
+    if (start == Start::Outdated) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: the request was made before the cache was cleaned, skipped without processing:" << key;
+        return;
+    }
+    if (start == Start::AlreadyCached) {
         qCDebug(slideShowLog)
             << "ImageCacheWorker: The image has already been caching (from the other path) with the correct size, the passage of internal re -processing:"
             << path;
-    } else {
-        pixmap = cachedImage(path, screenGeom, devicePixelRatio, Position(position));
-        if (pixmap.isNull()) {
-            qCWarning(slideShowLog) << "ImageCacheWorker: The processed image is equal to NULL for the way:" << path;
-        } else {
-            storeImage(path, pixmap);
-        }
+        Q_EMIT imageCached(path, pixmap);
+        return;
     }
 
-    bool lastOfACleaning = false;
+    // No lock while the file is read, decoded and scaled. The reading ends
+    // early once a clearing has made this request outdated.
+    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] {
+        return generation.load() != requestGeneration;
+    });
+
+    bool stillWanted = false;
+    QStringList evicted;
+    QList<int> sizesAfterEviction;
+    int cacheSize = 0;
+    int orderSize = 0;
     {
-        std::lock_guard<std::mutex> containerLocker(containerLock);
-        pendingRequests.remove(getRequestKey(path, screenGeom));
-        lastOfACleaning = cleaning.load() && pendingRequests.isEmpty();
+        std::lock_guard<std::mutex> locker(mutex);
+        stillWanted = requestGeneration == generation.load();
+        if (stillWanted) {
+            if (!pixmap.isNull()) {
+                if (cache.contains(path)) {
+                    cacheOrder.removeOne(path);
+                }
+                cache.insert(path, pixmap);
+                cacheOrder.append(path);
+                while (cacheOrder.size() > maxCacheSize) {
+                    const QString oldest = cacheOrder.takeFirst();
+                    cache.remove(oldest);
+                    evicted.append(oldest);
+                    sizesAfterEviction.append(cache.size());
+                }
+                cacheSize = cache.size();
+                orderSize = cacheOrder.size();
+            }
+            pendingRequests.remove(key);
+        }
     }
-    if (lastOfACleaning) {
-        requestsDone.wakeAll();
+    if (!stillWanted) {
+        // A clearing came while the image was being prepared: it belongs to
+        // a directory, mode or size that is no longer shown.
+        qCDebug(slideShowLog) << "ImageCacheWorker: the image was prepared for a cache that has been cleaned since, it is dropped:" << path;
+        return;
     }
-    // Still under mutex, also for a null pixmap.
+    if (pixmap.isNull()) {
+        qCWarning(slideShowLog) << "ImageCacheWorker: The processed image is equal to NULL for the way:" << path;
+    } else {
+        for (int i = 0; i < evicted.size(); ++i) {
+            qCDebug(slideShowLog) << "ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image:" << evicted.at(i)
+                                  << ". New size of the cache:" << sizesAfterEviction.at(i);
+        }
+        qCDebug(slideShowLog) << "ImageCacheWorker: The current size of the cache:" << cacheSize << ". Cache order size:" << orderSize;
+    }
+    // Reported for a null pixmap too: the request is over either way.
     Q_EMIT imageCached(path, pixmap);
 }
 
 void ImageCacheWorker::clearAllCacheData()
 {
     qCDebug(slideShowLog) << "ImageCacheWorker: the cleaning of all cache data is initiated.";
-    QMutexLocker locker(&mutex);
-    cleaning.store(true);
-
-    int pending = 0;
+    // Swapped out under the lock and released after it: freeing ten
+    // screen-sized pixmaps is no work for the lock.
+    QMap<QString, QPixmap> oldCache;
+    QList<QString> oldOrder;
+    QSet<QString> oldPending;
     {
-        std::lock_guard<std::mutex> containerLocker(containerLock);
-        pending = pendingRequests.size();
-    }
-    bool timedOut = false;
-    if (pending > 0) {
-        qCDebug(slideShowLog) << "ImageCacheWorker: waiting for completion " << pending << " awaiting requests ...";
-        // One bounded wait, no loop: a request that hangs leaves the worker
-        // in its cleaning state, and later requests are refused until a
-        // later clearing succeeds.
-        requestsDone.wait(&mutex, cleaningTimeout);
-        {
-            std::lock_guard<std::mutex> containerLocker(containerLock);
-            timedOut = !pendingRequests.isEmpty();
-        }
-        if (timedOut) {
-            qCWarning(slideShowLog) << "ImageCacheWorker: Timesout to wait for the completion of requests. Perhaps some requests were hanging.";
-        }
-    }
-    if (!timedOut) {
-        // Swapped out under the lock, released after it.
-        QMap<QString, QPixmap> oldCache;
-        QList<QString> oldOrder;
-        QSet<QString> oldPending;
-        {
-            std::lock_guard<std::mutex> containerLocker(containerLock);
-            oldCache.swap(cache);
-            oldOrder.swap(cacheOrder);
-            oldPending.swap(pendingRequests);
-            cleaning.store(false);
-        }
+        std::lock_guard<std::mutex> locker(mutex);
+        oldCache.swap(cache);
+        oldOrder.swap(cacheOrder);
+        oldPending.swap(pendingRequests);
+        ++generation;
     }
     qCDebug(slideShowLog) << "ImageCacheWorker: All cache data are cleaned.";
+}
+
+void ImageCacheWorker::stopPreparing()
+{
+    std::lock_guard<std::mutex> locker(mutex);
+    ++generation;
 }
 
 QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position)
@@ -318,7 +391,13 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
         qCWarning(slideShowLog) << "ImageCacheWorker: processImageSynchronously called with invalid geometry, pass:" << geometry;
         return QPixmap(geometry.width(), geometry.height());
     }
-    const QPixmap cached = takeCachedAtSize(path, geometry.size());
+    QPixmap cached;
+    quint64 startGeneration = 0;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        cached = takeCachedAtSizeLocked(path, geometry.size());
+        startGeneration = generation.load();
+    }
     if (!cached.isNull()) {
         qCDebug(slideShowLog) << "ImageCacheWorker: return of a synchronously cached image for:" << path;
         return cached;
@@ -327,19 +406,22 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
     qCDebug(slideShowLog) << "ImageCacheWorker: Image synchronous processing:" << path;
     const QPixmap pixmap = cachedImage(path, geometry, devicePixelRatio, Position(position));
     if (!pixmap.isNull()) {
-        // No eviction here: the next insertion by the worker enforces the bound.
-        std::lock_guard<std::mutex> locker(containerLock);
-        cache.insert(path, pixmap);
-        cacheOrder.removeOne(path);
-        cacheOrder.append(path);
+        // No eviction here: the next insertion by the worker enforces the
+        // bound. Nor is an image stored in a cache cleaned meanwhile.
+        std::lock_guard<std::mutex> locker(mutex);
+        if (startGeneration == generation.load()) {
+            cache.insert(path, pixmap);
+            cacheOrder.removeOne(path);
+            cacheOrder.append(path);
+        }
     }
     return pixmap;
 }
 
 ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
 {
-    std::lock_guard<std::mutex> locker(containerLock);
-    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, cleaning.load()};
+    std::lock_guard<std::mutex> locker(mutex);
+    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, generation.load(), preparationsStarted};
     // Deep copies, made under the lock: an implicitly shared copy would be
     // read by the caller while the worker changes the original in place.
     snapshot.cacheOrder.detach();
@@ -349,16 +431,49 @@ ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
 
 QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const
 {
+    return prepareImage(path, geometry, devicePixelRatio, position, std::function<bool()>());
+}
+
+QPixmap ImageCacheWorker::prepareImage(const QString &path,
+                                       const QRect &geometry,
+                                       double devicePixelRatio,
+                                       Position position,
+                                       const std::function<bool()> &unwanted) const
+{
     // The black canvas of the target's size is the answer for a file that
     // cannot be read; it is only built then (at 4K it costs a full fill).
     // The size the canvas would have: a pixmap of a non-positive size is
     // null, of size 0 x 0.
     const QSize size = geometry.width() > 0 && geometry.height() > 0 ? QSize(geometry.width(), geometry.height()) : QSize(0, 0);
 
-    QPixmap loaded;
-    if (fitsTheDecodingLimit(path)) {
-        loaded = QPixmap(path);
+    QImage decoded;
+    bool overBudget = false;
+    {
+        PreparationFile file(path, unwanted);
+        if (file.open(QIODevice::ReadOnly)) {
+            // Before the decoder reads anything: a GIF's logical screen size.
+            const QByteArray gifHeader = file.peek(10);
+            QImageReader reader(&file);
+            const qint64 pixels = declaredPixels(reader, gifHeader);
+            if (pixels >= 0 && pixels <= maxImagePixels) {
+                decoded = reader.read();
+            }
+        }
+        if (file.cutShort()) {
+            // Whatever the decoder made of the truncated input is not the
+            // picture: never show half of it.
+            decoded = QImage();
+            if (!file.overBudget()) {
+                // No longer wanted: nothing to say, nothing to show.
+                return QPixmap();
+            }
+            overBudget = true;
+        }
     }
+    if (overBudget) {
+        qCWarning(slideShowLog) << "ImageCacheWorker: Reading and decoding took longer than" << preparationBudget << "ms, the image is given up:" << path;
+    }
+    QPixmap loaded = QPixmap::fromImage(std::move(decoded));
     if (loaded.isNull()) {
         qCWarning(slideShowLog) << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
         return blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);

@@ -10,7 +10,6 @@
 
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QObject>
 #include <QPixmap>
 #include <QRect>
@@ -18,9 +17,9 @@
 #include <QSize>
 #include <QString>
 #include <QStringList>
-#include <QWaitCondition>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 
 namespace Dm
@@ -31,6 +30,24 @@ namespace ScreenSaver
 // the last ten of them. The GUI thread asks with requestProcessImage, looks up
 // finished pixmaps with getCachedImage and empties everything with
 // clearAllCacheData; the worker answers only through imageCached.
+//
+// The GUI thread is the one that takes the user's password, so none of these
+// calls ever waits for an image being prepared:
+// - One lock, mutex, guards the bookkeeping: cache, cacheOrder,
+//   pendingRequests and generation. It is held only for a few container
+//   operations at a time, never while a file is opened, read, decoded or
+//   scaled, never while logging and never while imageCached is emitted.
+// - generation counts the clearings. Every queued request carries the
+//   generation in which it was made; a request of an older generation is
+//   skipped when the worker's thread reaches it, and a preparation that was
+//   running when a clearing came is neither stored nor reported.
+// - A preparation reads its file through a device of the worker's own that
+//   ends the input as soon as the preparation is no longer wanted (its
+//   generation is outdated, or stopPreparing was called) or has run for
+//   preparationBudget milliseconds, so that the decoder finishes at once.
+//   Only a read blocked inside the kernel (a pipe without a writer, a dead
+//   network share) cannot be cut short; it holds the worker's thread, never
+//   the caller.
 class ImageCacheWorker : public QObject
 {
     Q_OBJECT
@@ -41,24 +58,34 @@ public:
 
     // The bound counts entries, not bytes: ten screen-sized pixmaps.
     static constexpr int maxCacheSize = 10;
-    // How long clearAllCacheData waits, once, for the requests in flight.
-    static constexpr unsigned long cleaningTimeout = 30000;
+    // How long one image may be read and decoded before it counts as
+    // unreadable: a file that would take minutes (a crafted progressive JPEG)
+    // costs at most this much of the worker's time.
+    static constexpr int preparationBudget = 10000;
 
     // What the containers hold at one moment, for diagnostics and tests.
     struct Snapshot {
         QStringList cachedPaths;
         QList<QString> cacheOrder;
         QSet<QString> pendingRequests;
-        bool cleaning = false;
+        quint64 generation = 0;
+        // How many files the worker's thread has begun to read.
+        int preparationsStarted = 0;
     };
 
     // Records a request and hands it to the worker's thread; true only when a
     // new request was queued. An image already cached at the geometry's size
-    // is announced at once, in the calling thread.
+    // is announced at once, in the calling thread. Never waits for the image
+    // being prepared.
     bool requestProcessImage(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
-    // Waits (at most cleaningTimeout) for the requests in flight, then
-    // empties the cache. Blocks the caller.
+    // Empties the cache and forgets the pending requests at once; the work
+    // already queued or running is dropped when the worker's thread gets to
+    // it. Never waits.
     void clearAllCacheData();
+    // Ends the reading of the image in preparation and skips whatever is
+    // queued, without emptying anything: for an owner that goes away and
+    // wants the worker's thread to end soon. From any thread.
+    void stopPreparing();
     // Prepares the image in the calling thread.
     QPixmap processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
     // The cached pixmap for path if its pixel size is the geometry's size,
@@ -76,7 +103,8 @@ public:
     static constexpr qint64 maxImagePixels = 134217728;
 
     // Loads the file and fits it to the geometry's size in the given mode.
-    // An unreadable (or too large) file gives a black pixmap of that size.
+    // An unreadable (or too large, or too slow) file gives a black pixmap of
+    // that size.
     QPixmap cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const;
 
     // The fitting modes, for callers that have only a path: each loads the
@@ -97,36 +125,34 @@ Q_SIGNALS:
     void imageCached(const QString &path, const QPixmap &pixmap);
 
 private Q_SLOTS:
-    void processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position);
+    // generation is the one in force when the request was queued: the key
+    // (path and size) cannot tell a request made before a clearing from the
+    // same one made after it, for a mode change keeps both.
+    void processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position, quint64 generation);
 
 private:
-    // These take containerLock themselves.
-    QPixmap takeCachedAtSize(const QString &path, const QSize &size);
-    void storeImage(const QString &path, const QPixmap &pixmap);
+    // cachedImage, ended early (a null pixmap, no warning) once unwanted
+    // returns true; unwanted is asked between small reads of the file.
+    QPixmap prepareImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position, const std::function<bool()> &unwanted) const;
+    // Under mutex: the cached pixmap for path at size, made the youngest
+    // entry; null if there is none.
+    QPixmap takeCachedAtSizeLocked(const QString &path, const QSize &size);
 
-    // The three containers are written by the worker's thread (processing)
-    // and by the GUI thread (clearing, refreshing the order, synchronous
-    // processing), and read by both; every access holds containerLock.
+    // Guarded by mutex. Read by the GUI thread (lookups, requests, clearing)
+    // and written by both threads.
     QMap<QString, QPixmap> cache;
     QList<QString> cacheOrder;
     QSet<QString> pendingRequests;
+    // Advanced by every clearing (and by stopPreparing), under mutex. Atomic
+    // so that a preparation can ask, between two reads of its file, whether
+    // it is still wanted without taking the lock.
+    std::atomic<quint64> generation{0};
+    int preparationsStarted = 0;
 
-    // Held by the worker for the whole of processImageInternal, loading and
-    // scaling included, by requestProcessImage while it queues a new request
-    // and by clearAllCacheData throughout (but while it waits). So a request
-    // that must queue, and a clearing, wait for the image in progress.
-    QMutex mutex;
-    QWaitCondition requestsDone;
-    // Written under mutex by clearAllCacheData, read without it by
-    // requestProcessImage: atomic.
-    std::atomic<bool> cleaning{false};
-
-    // Innermost lock: held only for the few container operations themselves,
-    // never while decoding, scaling, logging or emitting, and no other lock is
-    // taken under it, so it cannot deadlock and the GUI thread never waits
-    // here for an image being prepared. A std::mutex rather than a QMutex so
-    // that the thread sanitizer sees it even when contended.
-    mutable std::mutex containerLock;
+    // The one short lock described above; no other lock is ever taken under
+    // it. A std::mutex rather than a QMutex so that the thread sanitizer
+    // sees it even when contended.
+    mutable std::mutex mutex;
 };
 }
 }

@@ -40,12 +40,18 @@ SlideLabel::SlideLabel(QWidget *parent)
     // Made here rather than at the time-out, where the thread could end
     // between the check and the connection and never be deleted.
     connect(cacheThread, &QThread::finished, cacheThread, &QObject::deleteLater);
-    cacheThread->start();
+    // Below every other thread of the host: the worker's decoding must not
+    // take the processor from the GUI thread while a fade is painted. Safe
+    // because nothing on the GUI thread ever waits for the worker.
+    cacheThread->start(QThread::IdlePriority);
     qCDebug(slideShowLog) << "SlideLabel: Cache thread started.";
 }
 
 SlideLabel::~SlideLabel()
 {
+    // The image in preparation ends its reading at once, so that the thread
+    // can end well within the wait below.
+    cacheWorker->stopPreparing();
     shutdownCacheThread();
     if (cacheThread->isRunning()) {
         // The worker is still busy after the time-out. Destroying a running
@@ -105,7 +111,7 @@ void SlideLabel::setDir(const QString &dir)
     QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
     // QDir takes any link for a file; keep only what is, or leads to, a
     // regular file. A link to a named pipe or a device would block the
-    // worker in open() while it holds its mutex, and the GUI thread with it.
+    // worker in open() for as long as nobody writes to it.
     names.erase(std::remove_if(names.begin(),
                                names.end(),
                                [&directory](const QString &name) {
