@@ -55,12 +55,46 @@ struct LogLine {
 std::mutex logMutex;
 QList<LogLine> logLines;
 QtMessageHandler previousHandler = nullptr;
+bool keepDebugLines = false;
+// Requests the worker queued, and queued requests it has finished with, as
+// its debug lines tell: the cache thread runs at idle priority, and on a
+// busy machine the host waits for it before it tears the show down.
+int requestsQueued = 0;
+int requestsFinished = 0;
+
+void countRequest(const QString &message)
+{
+    static const char *const finishedPrefixes[] = {
+        "ImageCacheWorker: The current size of the cache:",
+        "ImageCacheWorker: The processed image is equal to NULL",
+        "ImageCacheWorker: the request was made before the cache was cleaned",
+        "ImageCacheWorker: the image was prepared for a cache that has been cleaned since",
+        "ImageCacheWorker: The image has already been caching (from the other path)",
+    };
+    if (message.startsWith(QLatin1String("ImageCacheWorker: setting a request for image processing in the queue for:"))) {
+        ++requestsQueued;
+        return;
+    }
+    for (const char *prefix : finishedPrefixes) {
+        if (message.startsWith(QLatin1String(prefix))) {
+            ++requestsFinished;
+            return;
+        }
+    }
+}
 
 void recordMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     if (context.category && qstrcmp(context.category, slideShowCategory) == 0) {
         std::lock_guard<std::mutex> locker(logMutex);
-        logLines.append(LogLine{type, message});
+        countRequest(message);
+        if (type != QtDebugMsg || keepDebugLines) {
+            logLines.append(LogLine{type, message});
+        }
+        if (type == QtDebugMsg && !keepDebugLines) {
+            // Counted only, neither kept nor passed on.
+            return;
+        }
     }
     if (previousHandler) {
         previousHandler(type, context, message);
@@ -177,9 +211,10 @@ int main(int argc, char **argv)
     parser.addOptions({pluginDirOption, setOption, switchesOption, timeoutOption, sizeOption, resizeOption, debugOption});
     parser.process(app);
 
-    if (parser.isSet(debugOption)) {
-        QLoggingCategory::setFilterRules(QStringLiteral("zav-tev.screensaver.slideshow.debug=true"));
-    }
+    // The worker's debug lines are always on, to follow its requests; they
+    // are reported only when asked for.
+    keepDebugLines = parser.isSet(debugOption);
+    QLoggingCategory::setFilterRules(QStringLiteral("zav-tev.screensaver.slideshow.debug=true"));
 
     // A short interval and fade unless the run sets them.
     QVariantMap settings{{QStringLiteral("AutoSwitch"), 0}, {QStringLiteral("Effect"), 50}};
@@ -266,6 +301,19 @@ int main(int argc, char **argv)
     ++paints;
     runUntil(switches + 1);
     screenSaver->stop();
+    // Until the worker has finished with every request (or the same wait is
+    // over), so that what it says about the files is in the report.
+    {
+        QElapsedTimer waited;
+        waited.start();
+        const auto busy = [] {
+            std::lock_guard<std::mutex> locker(logMutex);
+            return requestsFinished < requestsQueued;
+        };
+        while (busy() && waited.elapsed() < waitMs) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        }
+    }
     const qint64 runMs = runTimer.elapsed();
 
     QElapsedTimer destroyTimer;
