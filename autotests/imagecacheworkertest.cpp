@@ -121,6 +121,8 @@ private Q_SLOTS:
         QVERIFY(snapshot.cacheOrder.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
         QCOMPARE(snapshot.generation, 0u);
+        // On its own the worker keeps ten entries.
+        QCOMPARE(snapshot.capacity, 10);
         QCOMPARE(snapshot.preparationsStarted, 0);
         QVERIFY(!worker.parent());
     }
@@ -415,6 +417,41 @@ private Q_SLOTS:
         QCOMPARE(snapshot.cacheOrder, expectedOrder);
         QCOMPARE(snapshot.cachedPaths, sorted(lastTen));
         QCOMPARE(fixture.worker->getCachedImage(again, other, 1.0, Crop).size(), other.size());
+    }
+
+    void lowerCapacityEvictsTheOldestAtOnce()
+    {
+        WorkerFixture fixture;
+        for (int i = 0; i < 5; ++i) {
+            QVERIFY(fixture.request(m_images.at(i), screen));
+        }
+        QVERIFY(fixture.waitForReports(5));
+        QCOMPARE(fixture.worker->snapshot().cacheOrder, m_images.mid(0, 5));
+
+        LogRecorder recorder;
+        fixture.worker->setCacheCapacity(3);
+        COMPARE_LOG(recorder, (QList<LogEntry>{debug(evictionLine(m_images.at(0), 4)), debug(evictionLine(m_images.at(1), 3))}));
+        ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        QCOMPARE(snapshot.capacity, 3);
+        QCOMPARE(snapshot.cacheOrder, m_images.mid(2, 3));
+
+        // The next image evicts the oldest of the three.
+        recorder.clear();
+        QVERIFY(fixture.request(m_images.at(5), screen));
+        QVERIFY(fixture.waitForReports(6));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debug(settingLine(key(m_images.at(5)))),
+                                     debug(internalLine(m_images.at(5))),
+                                     debug(evictionLine(m_images.at(2), 3)),
+                                     debug(sizeLine(3, 3))}));
+        QCOMPARE(fixture.worker->snapshot().cacheOrder, m_images.mid(3, 3));
+
+        // Back to ten (and never beyond it, nor below one).
+        fixture.worker->setCacheCapacity(50);
+        QCOMPARE(fixture.worker->snapshot().capacity, 10);
+        fixture.worker->setCacheCapacity(0);
+        QCOMPARE(fixture.worker->snapshot().capacity, 1);
+        QCOMPARE(fixture.worker->snapshot().cacheOrder, QList<QString>{m_images.at(5)});
     }
 
     void eleventhImageLogsTheEvictionAndTheSizes()

@@ -4,6 +4,7 @@
 */
 
 #include "imagecache/imagecacheworker.h"
+#include "imagemetrics.h"
 #include "testutils.h"
 
 #include <QApplication>
@@ -82,11 +83,21 @@ private Q_SLOTS:
         QCOMPARE(scaled.size(), QSize(2160, 1080));
         const QImage expected = scaled.toImage().convertToFormat(QImage::Format_RGB32).copy(120, 0, 1920, 1080);
 
+        // The mode on the whole decoded file gives exactly that region.
         LogRecorder recorder;
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Crop);
+        const QPixmap result = m_worker.crop(path, QSize(1920, 1080), 1.0);
         QCOMPARE(result.size(), QSize(1920, 1080));
         QCOMPARE(result.devicePixelRatio(), 1.0);
         QCOMPARE(toRgb(result), expected);
+        QVERIFY(recorder.entries().isEmpty());
+
+        // The preparation reads the file already reduced (it is larger than
+        // what Crop shows): the same picture to the eye, if not to the bit.
+        const QPixmap prepared = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Crop);
+        QCOMPARE(prepared.size(), QSize(1920, 1080));
+        QCOMPARE(prepared.devicePixelRatio(), 1.0);
+        const double psnr = ImageMetrics::psnr(prepared.toImage(), expected);
+        QVERIFY2(psnr >= 38, qPrintable(QString::number(psnr)));
         QVERIFY(recorder.entries().isEmpty());
     }
 
@@ -304,7 +315,9 @@ private Q_SLOTS:
         const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"tile", Tile}, {"center", Center}};
         for (const auto &mode : modes) {
             for (double ratio : {1.0, 1.5, 2.0}) {
-                for (const QSize &size : {QSize(700, 300), QSize(90, 130)}) {
+                // Not larger than what the mode shows of them on 480 x 270:
+                // as large, smaller, wider but not as tall.
+                for (const QSize &size : {QSize(480, 270), QSize(90, 130), QSize(700, 200)}) {
                     QTest::addRow("%s ratio %.1f %dx%d", mode.first, ratio, size.width(), size.height()) << mode.second << ratio << size;
                 }
             }
@@ -314,7 +327,9 @@ private Q_SLOTS:
     void decodingOnceGivesTheSamePixels()
     {
         // cachedImage hands the pixmap it loaded to the mode; the path-taking
-        // mode functions load the file again, as every mode once did.
+        // mode functions load the whole file again, as every mode once did.
+        // An image no larger than what is shown of it is read as it is, so
+        // the pixels are exactly the same.
         QFETCH(int, position);
         QFETCH(double, ratio);
         QFETCH(QSize, imageSize);
@@ -342,6 +357,55 @@ private Q_SLOTS:
         QCOMPARE(once.size(), twice.size());
         QCOMPARE(once.devicePixelRatio(), twice.devicePixelRatio());
         QCOMPARE(once.toImage(), twice.toImage());
+    }
+
+    void reducedDecodingLooksLikeTheFullDecode_data()
+    {
+        QTest::addColumn<QByteArray>("format");
+        QTest::addColumn<int>("position");
+        QTest::addColumn<double>("ratio");
+        QTest::addColumn<QSize>("imageSize");
+        for (const QByteArray format : {QByteArray("jpg"), QByteArray("png")}) {
+            const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"unknown mode", 7}};
+            for (const auto &mode : modes) {
+                for (double ratio : {1.0, 1.5, 2.0}) {
+                    for (const QSize &size : {QSize(2400, 1500), QSize(1500, 2400)}) {
+                        QTest::addRow("%s %s ratio %.1f %dx%d", format.constData(), mode.first, ratio, size.width(), size.height())
+                            << format << mode.second << ratio << size;
+                    }
+                }
+            }
+        }
+    }
+
+    void reducedDecodingLooksLikeTheFullDecode()
+    {
+        // Larger than the target: read already reduced by the decoder
+        // instead of decoded in full and scaled smoothly afterwards. The
+        // result must look the same.
+        QFETCH(QByteArray, format);
+        QFETCH(int, position);
+        QFETCH(double, ratio);
+        QFETCH(QSize, imageSize);
+        const QImage source = ImageMetrics::photoLike(imageSize.width(), imageSize.height(), 11);
+        const QString path = TestUtils::writeImage(m_dir.path(),
+                                                   QStringLiteral("reduced-%1x%2.%3").arg(imageSize.width()).arg(imageSize.height()).arg(QString::fromLatin1(format)),
+                                                   source);
+        const QSize target(640, 360);
+
+        QPixmap reduced;
+        {
+            LogRecorder recorder;
+            reduced = m_worker.cachedImage(path, QRect(QPoint(0, 0), target), ratio, Position(position));
+            // Only the unknown mode says something.
+            QCOMPARE(recorder.texts(QtWarningMsg).size(), position == 7 ? 1 : 0);
+        }
+        const QPixmap full = position == Crop ? m_worker.crop(path, target, ratio) : m_worker.stretch(path, target);
+        QCOMPARE(reduced.size(), full.size());
+        QCOMPARE(reduced.devicePixelRatio(), full.devicePixelRatio());
+        const double psnr = ImageMetrics::psnr(reduced.toImage(), full.toImage());
+        QVERIFY2(psnr >= 38, qPrintable(QString::number(psnr)));
+        qInfo("PSNR %.1f dB", psnr);
     }
 
     void hugeDeclaredSizeIsNeverDecoded_data()

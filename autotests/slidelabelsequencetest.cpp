@@ -288,6 +288,70 @@ private Q_SLOTS:
         }
     }
 
+    void cacheKeepsWhatTheShowUsesAgain_data()
+    {
+        QTest::addColumn<int>("images");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<int>("capacity");
+        // All of a small folder fit, so each image is decoded once.
+        QTest::newRow("5 images") << 5 << labelSize << 10;
+        QTest::newRow("10 images") << 10 << labelSize << 10;
+        // More images than the cache holds: each would be evicted before
+        // its turn came again, so only the previous, current and next stay.
+        QTest::newRow("11 images") << 11 << labelSize << 3;
+        // Five slides of 3840 x 2160 take 158 MiB, more than the 96 allowed.
+        QTest::newRow("5 images at 3840x2160") << 5 << QSize(3840, 2160) << 3;
+        QTest::newRow("3 images at 3840x2160") << 3 << QSize(3840, 2160) << 10;
+    }
+
+    void cacheKeepsWhatTheShowUsesAgain()
+    {
+        QFETCH(int, images);
+        QFETCH(QSize, size);
+        QFETCH(int, capacity);
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QStringList names;
+        for (int i = 0; i < images; ++i) {
+            names.append(QStringLiteral("image-%1.png").arg(i, 2, 10, QLatin1Char('0')));
+        }
+        const QStringList paths = writeFiles(dir.path(), names);
+
+        auto label = makeLabel();
+        label->resize(size);
+        label->setDir(dir.path());
+        QCOMPARE(label->worker()->snapshot().capacity, capacity);
+        // One round of the show.
+        for (int i = 0; i < images; ++i) {
+            QVERIFY(waitUntilIdle(label->worker()));
+            label->setNext();
+        }
+        QVERIFY(waitUntilIdle(label->worker()));
+        QCOMPARE(label->currentImage(), paths.at(0));
+        const QStringList cached = label->worker()->snapshot().cachedPaths;
+        if (capacity >= images) {
+            QCOMPARE(cached, paths);
+        } else {
+            QCOMPARE(cached, QStringList({paths.at(0), paths.at(1), paths.last()}));
+        }
+    }
+
+    void resizeSetsTheCapacityForTheNewSize()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png"), QStringLiteral("d.png")});
+        auto label = makeShownLabel();
+        QVERIFY(label);
+        label->setDir(dir.path());
+        QCOMPARE(label->worker()->snapshot().capacity, 10);
+        label->resize(3840, 2160);
+        QTRY_COMPARE(label->worker()->snapshot().capacity, 3);
+        label->resize(labelSize);
+        QTRY_COMPARE(label->worker()->snapshot().capacity, 10);
+        QVERIFY(waitUntilIdle(label->worker()));
+    }
+
     void setNextAsksTheWorkerForTheLookAheadImageOnly()
     {
         QTemporaryDir dir;

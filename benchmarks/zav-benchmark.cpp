@@ -7,8 +7,9 @@
 // each figure beside a floor measured in the same run:
 //
 // 1. preparation of one slide (ImageCacheWorker::cachedImage) per fitting
-//    mode, for generated photos of three sizes at two screen sizes, beside
-//    one decode of the file plus one smooth scale to the screen size;
+//    mode, for generated photos of four sizes at two screen sizes, beside
+//    one decode of the file plus one smooth scale to the screen size, with
+//    the PSNR of each result against the mode applied to the whole file;
 // 2. one cross-fade frame of the slide widget (two slides, weight 0.37)
 //    beside one memory copy of a 32-bit frame of that size;
 // 3. the GUI thread's longest stall, seen by a 1 ms timer, while a folder of
@@ -28,6 +29,7 @@
 //   zav-benchmark [--quick] [--runs N] [--sections 1234] [--photos DIR [--only-photos]]
 
 #include "imagecache/imagecacheworker.h"
+#include "imagemetrics.h"
 #include "slidelabel/slidelabel.h"
 #include "slideshow/slideshow.h"
 
@@ -123,39 +125,6 @@ void progress(const QString &message)
     std::fprintf(stderr, "zav-benchmark: %s\n", qUtf8Printable(message));
 }
 
-// Smooth gradients and slow waves with a little per-pixel noise: the noise
-// keeps JPEG and PNG from compressing it far better than a real photo.
-QImage photoLike(int width, int height, quint32 seed)
-{
-    QImage image(width, height, QImage::Format_RGB32);
-    std::vector<int> columnWave(static_cast<size_t>(width));
-    std::vector<int> rowWave(static_cast<size_t>(height));
-    const double phase = double(seed % 97) / 15.0;
-    for (int x = 0; x < width; ++x) {
-        columnWave[size_t(x)] = int(30 * std::sin(phase + 2 * M_PI * 5 * x / width));
-    }
-    for (int y = 0; y < height; ++y) {
-        rowWave[size_t(y)] = int(25 * std::sin(phase + 2 * M_PI * 3 * y / height));
-    }
-    quint32 state = seed * 2654435761u + 1;
-    for (int y = 0; y < height; ++y) {
-        auto *line = reinterpret_cast<QRgb *>(image.scanLine(y));
-        for (int x = 0; x < width; ++x) {
-            state ^= state << 13;
-            state ^= state >> 17;
-            state ^= state << 5;
-            const int noiseR = int(state & 15) - 8;
-            const int noiseG = int((state >> 8) & 15) - 8;
-            const int noiseB = int((state >> 16) & 15) - 8;
-            const int r = 50 + 150 * x / width + columnWave[size_t(x)] + noiseR;
-            const int g = 40 + 130 * y / height + rowWave[size_t(y)] + noiseG;
-            const int b = 80 + 60 * (x + y) / (width + height) + (columnWave[size_t(x)] + rowWave[size_t(y)]) / 2 + noiseB;
-            line[x] = qRgb(qBound(0, r, 255), qBound(0, g, 255), qBound(0, b, 255));
-        }
-    }
-    return image;
-}
-
 struct TestImage {
     QString name;
     QString path;
@@ -167,7 +136,7 @@ TestImage writePhoto(const QString &dir, const QString &fileName, const QSize &s
     const QString path = QDir(dir).filePath(fileName);
     // Quality 90 for JPEG, as cameras write; the default compression for PNG.
     const int quality = qstrcmp(format, "JPG") == 0 ? 90 : -1;
-    if (!photoLike(size.width(), size.height(), seed).save(path, format, quality)) {
+    if (!ImageMetrics::photoLike(size.width(), size.height(), seed).save(path, format, quality)) {
         fail(QStringLiteral("cannot write %1").arg(path));
     }
     const QString kind = QString::fromLatin1(format) == QLatin1String("JPG") ? QStringLiteral("JPEG") : QStringLiteral("PNG");
@@ -385,10 +354,11 @@ void printPreparationHeader(const char *title)
 {
     std::printf("\n%s\n", title);
     std::printf("   floor = QPixmap(file) + scaled(target, Qt::SmoothTransformation); ratio = median / floor median;\n");
-    std::printf("   cpu = CPU time of the process (all threads) per preparation, median\n");
-    printRule(104);
-    std::printf("%-22s %-10s %-8s %9s %9s %9s %11s %7s %8s\n", "image", "target", "mode", "median", "min", "max", "floor med.", "ratio", "cpu");
-    printRule(104);
+    std::printf("   cpu = CPU time of the process (all threads) per preparation, median; psnr = the prepared slide against the\n");
+    std::printf("   mode applied to the whole decoded file (dB, 100 = the same pixels; reduced decoding must stay >= 38)\n");
+    printRule(112);
+    std::printf("%-22s %-10s %-8s %9s %9s %9s %11s %7s %8s %7s\n", "image", "target", "mode", "median", "min", "max", "floor med.", "ratio", "cpu", "psnr");
+    printRule(112);
 }
 
 struct PreparationResult {
@@ -396,7 +366,25 @@ struct PreparationResult {
     double floorCpu = 0;
     std::vector<Stats> modes;
     std::vector<double> modeCpu;
+    std::vector<double> modePsnr;
 };
+
+// What the mode makes of the whole decoded file: the preparation as it was
+// before the decoding was reduced.
+QPixmap fullDecodeResult(const ImageCacheWorker &worker, const QString &path, const QSize &target, Position mode)
+{
+    switch (mode) {
+    case Dm::ScreenSaver::Stretch:
+        return worker.stretch(path, target);
+    case Dm::ScreenSaver::Crop:
+        return worker.crop(path, target, 1.0);
+    case Dm::ScreenSaver::Tile:
+        return worker.tile(path, target, 1.0);
+    case Dm::ScreenSaver::Center:
+        return worker.center(path, target, 1.0);
+    }
+    return QPixmap();
+}
 
 PreparationResult measurePreparation(const QString &path, const QSize &target, const std::vector<Position> &modes, int runs)
 {
@@ -440,6 +428,8 @@ PreparationResult measurePreparation(const QString &path, const QSize &target, c
     for (size_t m = 0; m < modes.size(); ++m) {
         result.modes.push_back(statsOf(modeMs[m]));
         result.modeCpu.push_back(statsOf(modeCpuMs[m]).median);
+        const QPixmap prepared = worker.cachedImage(path, QRect(QPoint(0, 0), target), 1.0, modes[m]);
+        result.modePsnr.push_back(ImageMetrics::psnr(prepared.toImage(), fullDecodeResult(worker, path, target, modes[m]).toImage()));
     }
     return result;
 }
@@ -458,7 +448,7 @@ void printPreparation(const QString &name, const QSize &target, const std::vecto
                 result.floorCpu);
     for (size_t m = 0; m < modes.size(); ++m) {
         const Stats &stats = result.modes[m];
-        std::printf("%-22s %-10s %-8s %9.1f %9.1f %9.1f %11.1f %7.2f %8.1f\n",
+        std::printf("%-22s %-10s %-8s %9.1f %9.1f %9.1f %11.1f %7.2f %8.1f %7.1f\n",
                     "",
                     "",
                     modeName(modes[m]),
@@ -467,7 +457,8 @@ void printPreparation(const QString &name, const QSize &target, const std::vecto
                     stats.max,
                     result.floor.median,
                     stats.median / result.floor.median,
-                    result.modeCpu[m]);
+                    result.modeCpu[m],
+                    result.modePsnr[m]);
     }
     std::fflush(stdout);
 }
@@ -482,7 +473,7 @@ void benchmarkPreparation(const QList<TestImage> &images, const QList<QSize> &ta
             printPreparation(image.name, target, modes, measurePreparation(image.path, target, modes, runs));
         }
     }
-    printRule(104);
+    printRule(112);
 }
 
 // The photos of a folder, in the order the slide show takes them, in the
@@ -500,6 +491,7 @@ void benchmarkPhotos(const QString &dir, int runs)
     std::vector<double> cropMs;
     std::vector<double> cropCpu;
     std::vector<double> floorMs;
+    double lowestPsnr = 100;
     for (const QString &name : names) {
         progress(QStringLiteral("photo: %1").arg(name));
         const PreparationResult result = measurePreparation(folder.filePath(name), target, modes, runs);
@@ -507,8 +499,10 @@ void benchmarkPhotos(const QString &dir, int runs)
         cropMs.push_back(result.modes[0].median);
         cropCpu.push_back(result.modeCpu[0]);
         floorMs.push_back(result.floor.median);
+        lowestPsnr = std::min(lowestPsnr, result.modePsnr[0]);
     }
-    printRule(104);
+    printRule(112);
+    std::printf("lowest PSNR against the full decode: %.1f dB\n", lowestPsnr);
     const auto mean = [](const std::vector<double> &values) {
         double sum = 0;
         for (const double value : values) {
@@ -970,6 +964,7 @@ int main(int argc, char **argv)
     const TestImage large = writePhoto(originals, QStringLiteral("large.jpg"), QSize(6000, 4000), "JPG", 1);
     const TestImage uhd = writePhoto(originals, QStringLiteral("uhd.png"), QSize(3840, 2160), "PNG", 2);
     const TestImage wide = writePhoto(originals, QStringLiteral("wide.jpg"), QSize(2560, 1600), "JPG", 3);
+    const TestImage fiveK = writePhoto(originals, QStringLiteral("5k.jpg"), QSize(5120, 2880), "JPG", 4);
     const QString largeFolder = folderOfCopies(temporary.path(), QStringLiteral("large"), large, 8);
     const QString uhdFolder = folderOfCopies(temporary.path(), QStringLiteral("uhd"), uhd, 3);
     const QString wideFolder = folderOfCopies(temporary.path(), QStringLiteral("wide"), wide, 3);
@@ -990,7 +985,7 @@ int main(int argc, char **argv)
     const QList<QSize> targets = {QSize(1920, 1080), QSize(3840, 2160)};
     const QString sections = parser.value(sectionsOption);
     if (sections.contains(QLatin1Char('1'))) {
-        benchmarkPreparation({large, uhd, wide}, targets, runs);
+        benchmarkPreparation({large, uhd, wide, fiveK}, targets, runs);
     }
     if (sections.contains(QLatin1Char('2'))) {
         benchmarkPaint(fadeFolder, targets, runs);

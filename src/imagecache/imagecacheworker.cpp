@@ -21,6 +21,10 @@
 #include <limits>
 #include <utility>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace Dm
 {
 namespace ScreenSaver
@@ -136,6 +140,58 @@ private:
     bool m_unwantedSeen = false;
     bool m_overBudget = false;
 };
+
+// Asks the reader to deliver the image already reduced to what the mode
+// shows, when the image is larger than that and the format can decode into a
+// smaller size by itself (JPEG through the library's DCT scaling, PNG row by
+// row), instead of decoding every pixel and scaling afterwards. Images not
+// larger than what is shown are read as they are, so their pixels do not
+// change. Returns true when the reader will deliver exactly Crop's visible
+// part at the target size.
+bool reduceWhileReading(QImageReader &reader, const QSize &image, const QSize &target, Position position)
+{
+    if (!image.isValid() || target.isEmpty() || !reader.supportsOption(QImageIOHandler::ScaledSize)) {
+        return false;
+    }
+    if (position == Tile || position == Center) {
+        // Shown at their own size.
+        return false;
+    }
+    // The reader's smooth downscaler, as Qt::SmoothTransformation.
+    const int smoothQuality = 100;
+    if (position == Crop) {
+        const QSize expanded = image.scaled(target, Qt::KeepAspectRatioByExpanding);
+        if (image.width() <= expanded.width() || image.height() <= expanded.height()) {
+            return false;
+        }
+        reader.setQuality(smoothQuality);
+        if (reader.supportsOption(QImageIOHandler::ClipRect)) {
+            reader.setClipRect(visiblePart(image, target));
+            reader.setScaledSize(target);
+            return true;
+        }
+        reader.setScaledSize(expanded);
+        return false;
+    }
+    // Stretch, and any unknown mode, which is stretched.
+    if (image.width() > target.width() && image.height() > target.height()) {
+        reader.setQuality(smoothQuality);
+        reader.setScaledSize(target);
+    }
+    return false;
+}
+
+// A preparation allocates and frees tens of megabytes (the decoded file, the
+// scaled result); glibc keeps such freed memory inside the heap for reuse,
+// so a process that prepared one large photo stays that large all night.
+// Handing the free pages back after each preparation keeps the resident
+// memory to what the cache really holds.
+void returnFreeMemory()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
 
 // How many pixels decoding the file would allocate, from its header alone,
 // or -1 when the header does not say: then the file is not decoded at all,
@@ -330,12 +386,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
                 }
                 cache.insert(path, pixmap);
                 cacheOrder.append(path);
-                while (cacheOrder.size() > maxCacheSize) {
-                    const QString oldest = cacheOrder.takeFirst();
-                    cache.remove(oldest);
-                    evicted.append(oldest);
-                    sizesAfterEviction.append(cache.size());
-                }
+                evictLocked(&evicted, &sizesAfterEviction);
                 cacheSize = cache.size();
                 orderSize = cacheOrder.size();
             }
@@ -346,19 +397,18 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         // A clearing came while the image was being prepared: it belongs to
         // a directory, mode or size that is no longer shown.
         qCDebug(slideShowLog) << "ImageCacheWorker: the image was prepared for a cache that has been cleaned since, it is dropped:" << path;
+        returnFreeMemory();
         return;
     }
     if (pixmap.isNull()) {
         qCWarning(slideShowLog) << "ImageCacheWorker: The processed image is equal to NULL for the way:" << path;
     } else {
-        for (int i = 0; i < evicted.size(); ++i) {
-            qCDebug(slideShowLog) << "ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image:" << evicted.at(i)
-                                  << ". New size of the cache:" << sizesAfterEviction.at(i);
-        }
+        logEvictions(evicted, sizesAfterEviction);
         qCDebug(slideShowLog) << "ImageCacheWorker: The current size of the cache:" << cacheSize << ". Cache order size:" << orderSize;
     }
     // Reported for a null pixmap too: the request is over either way.
     Q_EMIT imageCached(path, pixmap);
+    returnFreeMemory();
 }
 
 void ImageCacheWorker::clearAllCacheData()
@@ -377,6 +427,36 @@ void ImageCacheWorker::clearAllCacheData()
         ++generation;
     }
     qCDebug(slideShowLog) << "ImageCacheWorker: All cache data are cleaned.";
+}
+
+void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction)
+{
+    while (cacheOrder.size() > cacheCapacity) {
+        const QString oldest = cacheOrder.takeFirst();
+        cache.remove(oldest);
+        evicted->append(oldest);
+        sizesAfterEviction->append(cache.size());
+    }
+}
+
+void ImageCacheWorker::logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction)
+{
+    for (int i = 0; i < evicted.size(); ++i) {
+        qCDebug(slideShowLog) << "ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image:" << evicted.at(i)
+                              << ". New size of the cache:" << sizesAfterEviction.at(i);
+    }
+}
+
+void ImageCacheWorker::setCacheCapacity(int entries)
+{
+    QStringList evicted;
+    QList<int> sizesAfterEviction;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        cacheCapacity = qBound(1, entries, int(maxCacheSize));
+        evictLocked(&evicted, &sizesAfterEviction);
+    }
+    logEvictions(evicted, sizesAfterEviction);
 }
 
 void ImageCacheWorker::stopPreparing()
@@ -421,7 +501,7 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
 ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
 {
     std::lock_guard<std::mutex> locker(mutex);
-    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, generation.load(), preparationsStarted};
+    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, generation.load(), cacheCapacity, preparationsStarted};
     // Deep copies, made under the lock: an implicitly shared copy would be
     // read by the caller while the worker changes the original in place.
     snapshot.cacheOrder.detach();
@@ -448,6 +528,7 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
 
     QImage decoded;
     bool overBudget = false;
+    bool visiblePartDelivered = false;
     {
         PreparationFile file(path, unwanted);
         if (file.open(QIODevice::ReadOnly)) {
@@ -456,7 +537,9 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
             QImageReader reader(&file);
             const qint64 pixels = declaredPixels(reader, gifHeader);
             if (pixels >= 0 && pixels <= maxImagePixels) {
+                visiblePartDelivered = reduceWhileReading(reader, reader.size(), size, position);
                 decoded = reader.read();
+                visiblePartDelivered = visiblePartDelivered && decoded.size() == size;
             }
         }
         if (file.cutShort()) {
@@ -477,6 +560,18 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
     if (loaded.isNull()) {
         qCWarning(slideShowLog) << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
         return blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);
+    }
+
+    if (visiblePartDelivered) {
+        // The reader delivered Crop's result itself. Unless the painted
+        // area falls short of the canvas (a fractional ratio), no canvas and
+        // no copy are needed.
+        const int logicalWidth = truncated(size.width() / devicePixelRatio);
+        const int logicalHeight = truncated(size.height() / devicePixelRatio);
+        if (logicalWidth * devicePixelRatio == size.width() && logicalHeight * devicePixelRatio == size.height()) {
+            loaded.setDevicePixelRatio(devicePixelRatio);
+            return loaded;
+        }
     }
 
     // The mode works on the pixmap loaded here: each file is decoded once.

@@ -56,7 +56,8 @@ public:
     explicit ImageCacheWorker(QObject *parent = nullptr);
     ~ImageCacheWorker() override;
 
-    // The bound counts entries, not bytes: ten screen-sized pixmaps.
+    // The bound counts entries, not bytes: ten screen-sized pixmaps. An
+    // owner that knows better lowers it with setCacheCapacity.
     static constexpr int maxCacheSize = 10;
     // How long one image may be read and decoded before it counts as
     // unreadable: a file that would take minutes (a crafted progressive JPEG)
@@ -69,6 +70,7 @@ public:
         QList<QString> cacheOrder;
         QSet<QString> pendingRequests;
         quint64 generation = 0;
+        int capacity = maxCacheSize;
         // How many files the worker's thread has begun to read.
         int preparationsStarted = 0;
     };
@@ -86,6 +88,11 @@ public:
     // queued, without emptying anything: for an owner that goes away and
     // wants the worker's thread to end soon. From any thread.
     void stopPreparing();
+    // How many entries are worth keeping, from 1 to maxCacheSize: a show
+    // that walks round more images than the cache holds never finds an
+    // evicted one again, so it keeps only the previous, current and next
+    // slide. Entries beyond the new bound are evicted at once, oldest first.
+    void setCacheCapacity(int entries);
     // Prepares the image in the calling thread.
     QPixmap processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
     // The cached pixmap for path if its pixel size is the geometry's size,
@@ -137,6 +144,10 @@ private:
     // Under mutex: the cached pixmap for path at size, made the youngest
     // entry; null if there is none.
     QPixmap takeCachedAtSizeLocked(const QString &path, const QSize &size);
+    // Under mutex: drops the oldest entries beyond cacheCapacity, noting each
+    // dropped path and the size left after it, for the log.
+    void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction);
+    static void logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction);
 
     // Guarded by mutex. Read by the GUI thread (lookups, requests, clearing)
     // and written by both threads.
@@ -148,6 +159,7 @@ private:
     // it is still wanted without taking the lock.
     std::atomic<quint64> generation{0};
     int preparationsStarted = 0;
+    int cacheCapacity = maxCacheSize;
 
     // The one short lock described above; no other lock is ever taken under
     // it. A std::mutex rather than a QMutex so that the thread sanitizer

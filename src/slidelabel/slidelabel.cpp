@@ -126,6 +126,7 @@ void SlideLabel::setDir(const QString &dir)
     for (const QString &name : names) {
         imageFiles.append(directory.filePath(name));
     }
+    updateCacheCapacity();
 
     // The "previous" image of a fresh sequence is the one before the first
     // in wrap-around order; it is not requested here.
@@ -178,6 +179,21 @@ void SlideLabel::refillCache()
             requestImageCache(previousKey);
         }
     }
+}
+
+void SlideLabel::updateCacheCapacity()
+{
+    // The show walks round its images in a circle. When they do not all fit
+    // in the cache, every image is evicted before its turn comes again, and
+    // only the previous, current and next slide are ever found there: keeping
+    // more would only hold memory. When they all fit (at most ten, and ten
+    // slides of this size in 96 MiB), each image is decoded once a night.
+    const qint64 budget = 96 * 1024 * 1024;
+    const QRect geometry = deviceGeometry();
+    const qint64 slideBytes = qint64(qMax(0, geometry.width())) * qMax(0, geometry.height()) * 4;
+    const qint64 count = imageFiles.size();
+    const bool allFit = count <= ImageCacheWorker::maxCacheSize && slideBytes * count <= budget;
+    cacheWorker->setCacheCapacity(allFit ? ImageCacheWorker::maxCacheSize : 3);
 }
 
 void SlideLabel::setOpacity(double value)
@@ -258,6 +274,7 @@ void SlideLabel::resizeEvent(QResizeEvent *event)
     // Every prepared pixmap has the old size. No update() of our own: the
     // toolkit repaints, and the worker's reports repaint again.
     cacheWorker->clearAllCacheData();
+    updateCacheCapacity();
     refillCache();
 }
 

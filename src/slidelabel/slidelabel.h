@@ -91,6 +91,9 @@ private:
     // Asks for the visible images after the cache was emptied: current, then
     // next and previous.
     void refillCache();
+    // Tells the worker how many prepared slides are worth keeping for the
+    // images listed and the label's size.
+    void updateCacheCapacity();
 
     QStringList imageFiles;
     int currentIndex = 0;
