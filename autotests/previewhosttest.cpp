@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QImage>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
@@ -128,6 +129,76 @@ private Q_SLOTS:
                                                                  << QStringLiteral("--snapshot") << overridden << QStringLiteral("--at") << QStringLiteral("1"));
         QVERIFY2(result.exitCode == 0, qPrintable(result.err));
         QVERIFY(TestUtils::fuzzyColor(centreColour(overridden).rgba(), QColor(220, 20, 30), 2));
+    }
+
+    void backgroundIsBlack()
+    {
+        // An empty folder: the plug-in paints only its white message on a
+        // transparent label, so everything else is the window's own colour.
+        const QString empty = m_dir.filePath(QStringLiteral("empty"));
+        QVERIFY(QDir().mkpath(empty));
+        const QString snapshot = m_dir.filePath(QStringLiteral("background.png"));
+        const Result result = run(showArguments(QStringLiteral("background.ini"))
+                                  << QStringLiteral("--dir") << empty << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at")
+                                  << QStringLiteral("0.5"));
+        QVERIFY2(result.exitStatus == QProcess::NormalExit && result.exitCode == 0, qPrintable(result.err));
+        const QImage image(snapshot);
+        QCOMPARE(image.size(), QSize(320, 200));
+        for (const QPoint &point : {QPoint(0, 0), QPoint(319, 0), QPoint(0, 199), QPoint(319, 199)}) {
+            QCOMPARE(QColor(image.pixel(point)), QColor(Qt::black));
+        }
+    }
+
+    void openGlIsNotLoaded_data()
+    {
+        QTest::addColumn<QByteArray>("integration");
+        QTest::addColumn<bool>("loaded");
+        QTest::newRow("by default") << QByteArray() << false;
+        // The check itself can fail: asked for, the integration is loaded.
+        QTest::newRow("asked for") << QByteArray("xcb_glx") << true;
+    }
+
+    void openGlIsNotLoaded()
+    {
+        QFETCH(QByteArray, integration);
+        QFETCH(bool, loaded);
+        if (qgetenv("QT_QPA_PLATFORM") != "xcb") {
+            QSKIP("only the X11 platform loads an OpenGL integration");
+        }
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove(QStringLiteral("QT_XCB_GL_INTEGRATION"));
+        if (!integration.isEmpty()) {
+            environment.insert(QStringLiteral("QT_XCB_GL_INTEGRATION"), QString::fromLatin1(integration));
+        }
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(ZAV_PREVIEW_PROGRAM),
+                      showArguments(QStringLiteral("gl.ini")) << QStringLiteral("--dir") << m_red << QStringLiteral("--snapshot")
+                                                             << m_dir.filePath(QStringLiteral("gl.png")) << QStringLiteral("--at") << QStringLiteral("30"));
+        QVERIFY(process.waitForStarted());
+        // Once the plug-in is mapped, the platform and its integration are
+        // too (they come first).
+        const QString maps = QStringLiteral("/proc/%1/maps").arg(process.processId());
+        QString mapped;
+        const bool started = QTest::qWaitFor(
+            [&maps, &mapped] {
+                QFile file(maps);
+                mapped = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+                return mapped.contains(QLatin1String("libzav-screensaver_slideshow"));
+            },
+            30000);
+        process.kill();
+        process.waitForFinished();
+        QVERIFY(started);
+        // Qt's GUI library links the small OpenGL dispatcher (libGL.so.1)
+        // itself; what the integration brings is the GLX plug-in, Mesa's
+        // GLX and DRI drivers and with them LLVM.
+        const bool openGl = mapped.contains(QLatin1String("libqxcb-glx-integration")) || mapped.contains(QLatin1String("libGLX_mesa"))
+            || mapped.contains(QLatin1String("_dri.so")) || mapped.contains(QLatin1String("/libLLVM"));
+        if (loaded && !openGl) {
+            QSKIP("no OpenGL libraries are installed here, so the check cannot show them");
+        }
+        QCOMPARE(openGl, loaded);
     }
 
     void recordWritesNumberedFrames()

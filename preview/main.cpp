@@ -19,6 +19,7 @@
 #include <QImage>
 #include <QJsonObject>
 #include <QLibrary>
+#include <QPalette>
 #include <QPluginLoader>
 #include <QScreen>
 #include <QSettings>
@@ -173,6 +174,12 @@ int main(int argc, char **argv)
     std::vector<char *> toolkitArgv = toolkitArguments(argc, argv);
     int toolkitArgc = int(toolkitArgv.size());
     toolkitArgv.push_back(nullptr);
+    // Nothing here draws with OpenGL, but Qt's X11 platform would load its
+    // GLX integration anyway, and with it the whole OpenGL stack (tens of
+    // megabytes resident). A user who asks for an integration still gets it.
+    if (!qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION")) {
+        qputenv("QT_XCB_GL_INTEGRATION", "none");
+    }
     QApplication app(toolkitArgc, toolkitArgv.data());
     QCoreApplication::setOrganizationName(QStringLiteral("zav"));
     QCoreApplication::setApplicationName(QStringLiteral("zav-screensaver-preview"));
@@ -230,6 +237,13 @@ int main(int argc, char **argv)
 
     QWidget window;
     window.setWindowTitle(QStringLiteral("Screensaver preview"));
+    // Black, as a screensaver's screen is: before the first slide is ready,
+    // around a slide that does not cover it, and behind a plug-in's white
+    // text.
+    QPalette black = window.palette();
+    black.setColor(QPalette::Window, Qt::black);
+    window.setPalette(black);
+    window.setAutoFillBackground(true);
     auto *layout = new QVBoxLayout(&window);
     layout->setContentsMargins(0, 0, 0, 0);
     AbstractScreenSaver *screenSaver = factory->createScreenSaver(&window);

@@ -2,7 +2,8 @@
 # SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
 # SPDX-License-Identifier: GPL-2.0-or-later
 #
-# Runs the preview host over the whole 1920x1080 screen of Xvfb on the wallpapers
+# Runs the preview host over the whole screen of Xvfb (1920x1080 unless
+# ZAV_BENCH_SCREEN says otherwise, for example 3840x2160) on the wallpapers
 # of Debian's plasma-workspace-wallpapers, with the default settings (5 s per
 # slide, a 500 ms fade, Crop), and reports what the slide show costs there:
 #   scripts/bench-preview.sh [SECONDS]   (default 60)
@@ -17,6 +18,7 @@ set -euo pipefail
 
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
+screen=${ZAV_BENCH_SCREEN:-1920x1080}
 build_dir=${ZAV_BUILD_DIR:-build}
 jobs=${ZAV_BUILD_JOBS:-2}
 
@@ -81,11 +83,11 @@ export QT_MESSAGE_PATTERN="%{time boot} %{message}"
 # Full screen needs a window manager, which Xvfb does not have: a window
 # there keeps its natural size (a few pixels here). A window of the screen's
 # size, which the X server puts at the origin, covers the screen the same way.
-xvfb-run -a -s "-screen 0 1920x1080x24" \
+xvfb-run -a -s "-screen 0 ${screen}x24" \
     /usr/bin/time -v -o "$work/time.txt" \
     timeout -s INT "$seconds" \
     sh -c 'echo $$ >"$0/pid"; exec "$@"' "$work" \
-    "$preview" --window 1920x1080 --settings "$work/settings.ini" --dir "$photos" \
+    "$preview" --window "$screen" --settings "$work/settings.ini" --dir "$photos" \
     2>"$work/log.txt" &
 runner=$!
 # The start time must be read while the process lives.
