@@ -142,7 +142,7 @@ first_paint=$(grep -m1 'return of a caching image' "$work/current.txt" | awk '{p
 first_ready=$(grep -m1 'SlideLabel: Image cached for current/previous key, triggering update:' "$work/log.txt" | awk '{print $1}' || true)
 prepared=$(grep -c 'ImageCacheWorker: The current size of the cache:' "$work/log.txt" || true)
 
-echo "Preview host, 1920x1080 (the whole Xvfb screen), default settings, ${seconds} s, $count wallpapers"
+echo "Preview host, ${screen} (the whole Xvfb screen), default settings, ${seconds} s, $count wallpapers"
 echo "  CPU time:            user ${user} s + system ${system} s"
 echo "  slide switches:      ${switches} (${shown} slides shown; ${prepared} images prepared)"
 if [ "$switches" -gt 0 ]; then
