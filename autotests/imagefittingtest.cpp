@@ -12,10 +12,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QImageReader>
 #include <QPainter>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTransform>
 
 #include <cstdio>
 
@@ -26,6 +28,7 @@ using TestUtils::LogRecorder;
 namespace
 {
 const char childEnvironment[] = "ZAV_FITTING_CHILD_PATH";
+const char childModeEnvironment[] = "ZAV_FITTING_CHILD_MODE";
 
 // Every pixel different from its neighbours, so that any shift of a copied
 // region shows.
@@ -39,6 +42,41 @@ QImage patternImage(const QSize &size)
         }
     }
     return image;
+}
+
+// LZW data of a GIF frame of pixels pixels, all of colour index 0, with a
+// minimum code size of 2: a clear code before every code 0, so that the
+// decoder's table never grows and every code stays three bits wide.
+QByteArray gifWhiteData(int pixels)
+{
+    QByteArray codes;
+    quint32 bits = 0;
+    int used = 0;
+    const auto put = [&](int code, int width) {
+        bits |= quint32(code) << used;
+        used += width;
+        while (used >= 8) {
+            codes.append(char(bits & 0xff));
+            bits >>= 8;
+            used -= 8;
+        }
+    };
+    // Code size 2: clear is 4, end 5.
+    for (int i = 0; i < pixels; ++i) {
+        put(4, 3);
+        put(0, 3);
+    }
+    put(5, 3);
+    if (used > 0) {
+        codes.append(char(bits & 0xff));
+    }
+    QByteArray data(1, char(2));
+    for (int i = 0; i < codes.size(); i += 255) {
+        const QByteArray block = codes.mid(i, 255);
+        data.append(char(block.size())).append(block);
+    }
+    data.append(char(0));
+    return data;
 }
 
 QImage toRgb(const QPixmap &pixmap)
@@ -408,6 +446,290 @@ private Q_SLOTS:
         qInfo("PSNR %.1f dB", psnr);
     }
 
+    void decodingLimitCountsWhatIsDecoded_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<bool>("shown");
+        const QString dir = m_dir.path();
+        // Sixteen bits a channel: 8 bytes a pixel, 538 MB for 67 million
+        // pixels, which a count of pixels alone took for half of its limit.
+        QTest::newRow("16-bit rgba png of 8200x8200") << TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 8200, 8200, 16, 6) << int(Crop) << false;
+        // Decoded at full size whatever is shown of it: 324 MB.
+        QTest::newRow("rgba png of 9000x9000") << TestUtils::writeZeroPng(dir, QStringLiteral("wide.png"), 9000, 9000, 8, 6) << int(Crop) << false;
+        // A progressive JPEG keeps two bytes a pixel and component for the
+        // whole image, however small its output: 268 MB here.
+        QTest::newRow("progressive jpeg of 11584x11584")
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true) << int(Crop) << false;
+        // A baseline JPEG is decoded through the library's scaling into
+        // little more than the screen: shown, however large.
+        QTest::newRow("baseline jpeg panorama of 30000x20000")
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false) << int(Crop) << true;
+        QTest::newRow("baseline jpeg panorama, stretched")
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-stretch.jpg"), 30000, 20000, false) << int(Stretch) << true;
+        // Centred, it would be decoded in full: 2.4 GB.
+        QTest::newRow("baseline jpeg panorama, centred")
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-center.jpg"), 30000, 20000, false) << int(Center) << false;
+        // Eight bits a pixel, run-length encoded: a few hundred bytes that
+        // decode into 537 MB.
+        QTest::newRow("rle bmp of 11585x11585") << TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585) << int(Crop) << false;
+        // An SVG document under a PNG name: read by content, rendered at the
+        // size shown; centred it would be rendered at its own 537 MB.
+        if (QImageReader::supportedImageFormats().contains("svg")) {
+            QFile svg(m_dir.filePath(QStringLiteral("vector.png")));
+            QVERIFY(svg.open(QIODevice::WriteOnly));
+            svg.write("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
+                      "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>");
+            svg.close();
+            QTest::newRow("svg of 11585x11585 named png, cropped") << svg.fileName() << int(Crop) << true;
+            QTest::newRow("svg of 11585x11585 named png, centred") << svg.fileName() << int(Center) << false;
+        }
+    }
+
+    void decodingLimitCountsWhatIsDecoded()
+    {
+        // Fitted in a child so that its peak memory is its own.
+        QFETCH(QString, path);
+        QFETCH(int, mode);
+        QFETCH(bool, shown);
+        QVERIFY(!path.isEmpty());
+        QVERIFY(QFileInfo(path).size() < 4 * 1024 * 1024);
+
+        QProcess child;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QString::fromLatin1(childEnvironment), path);
+        environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(mode));
+        child.setProcessEnvironment(environment);
+        child.start(QCoreApplication::applicationFilePath(), QStringList());
+        QVERIFY(child.waitForFinished(120000));
+        QCOMPARE(child.exitStatus(), QProcess::NormalExit);
+        const QString output = QString::fromLatin1(child.readAllStandardOutput());
+        QVERIFY2(child.exitCode() == 0, qPrintable(QString::fromLatin1(child.readAllStandardError())));
+
+        QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        const qint64 peakKiB = lines.takeLast().section(QLatin1Char(' '), 1).toLongLong();
+        if (shown) {
+            // A mid-grey picture, no warning.
+            QCOMPARE(lines, QStringList{QStringLiteral("result 640x480 not black")});
+        } else {
+            QCOMPARE(lines,
+                     (QStringList{QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path),
+                                  QStringLiteral("result 640x480 black")}));
+        }
+        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
+        // A refused file allocates nothing; a shown one little more than the
+        // screen. Every one of them would take over 250 MB decoded in full.
+        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
+    }
+
+    void topDownBmpShowsItsPixels_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::newRow("stretch") << int(Stretch);
+        QTest::newRow("crop") << int(Crop);
+        QTest::newRow("tile") << int(Tile);
+        QTest::newRow("center") << int(Center);
+    }
+
+    void topDownBmpShowsItsPixels()
+    {
+        // Some tools write BMP rows from the top, which the header says with
+        // a negative height.
+        QFETCH(int, mode);
+        const QImage source = patternImage(QSize(120, 90));
+        QByteArray bottomUp;
+        {
+            QBuffer buffer(&bottomUp);
+            buffer.open(QIODevice::WriteOnly);
+            QVERIFY(source.save(&buffer, "BMP"));
+        }
+        const QString bottomUpPath = m_dir.filePath(QStringLiteral("bottom-up.bmp"));
+        QFile file(bottomUpPath);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bottomUp);
+        file.close();
+        // The same picture with its rows from the top: negate the height,
+        // reverse the rows.
+        const auto readInt = [&bottomUp](int offset) {
+            return qint32(quint32(uchar(bottomUp.at(offset))) | quint32(uchar(bottomUp.at(offset + 1))) << 8 | quint32(uchar(bottomUp.at(offset + 2))) << 16
+                          | quint32(uchar(bottomUp.at(offset + 3))) << 24);
+        };
+        const int dataOffset = readInt(10);
+        const int height = readInt(22);
+        const int rowBytes = (bottomUp.size() - dataOffset) / height;
+        QByteArray topDown = bottomUp.left(dataOffset);
+        const qint32 negative = -height;
+        for (int i = 0; i < 4; ++i) {
+            topDown[22 + i] = char(quint32(negative) >> (8 * i));
+        }
+        for (int row = height - 1; row >= 0; --row) {
+            topDown.append(bottomUp.mid(dataOffset + row * rowBytes, rowBytes));
+        }
+        const QString topDownPath = m_dir.filePath(QStringLiteral("top-down.bmp"));
+        QFile topDownFile(topDownPath);
+        QVERIFY(topDownFile.open(QIODevice::WriteOnly));
+        topDownFile.write(topDown);
+        topDownFile.close();
+        QCOMPARE(QImage(topDownPath).convertToFormat(QImage::Format_RGB32), source);
+
+        LogRecorder recorder;
+        const QRect target(0, 0, 200, 150);
+        const QPixmap shown = m_worker.cachedImage(topDownPath, target, 1.0, Position(mode));
+        QVERIFY(recorder.entries().isEmpty());
+        QCOMPARE(toRgb(shown), toRgb(m_worker.cachedImage(bottomUpPath, target, 1.0, Position(mode))));
+    }
+
+    void exifOrientationIsApplied_data()
+    {
+        QTest::addColumn<int>("orientation");
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QSize>("uprightSize");
+        for (int orientation = 1; orientation <= 8; ++orientation) {
+            // Large enough to be read reduced, and small enough to be shown
+            // whole in the centre.
+            QTest::addRow("orientation %d stretch", orientation) << orientation << int(Stretch) << QSize(640, 480);
+            QTest::addRow("orientation %d crop", orientation) << orientation << int(Crop) << QSize(640, 480);
+            QTest::addRow("orientation %d center", orientation) << orientation << int(Center) << QSize(160, 120);
+        }
+    }
+
+    void exifOrientationIsApplied()
+    {
+        // A photo as it was taken: red, green / blue, yellow quadrants when
+        // upright. The file holds it turned or mirrored, with the EXIF
+        // orientation that turns it upright again.
+        QFETCH(int, orientation);
+        QFETCH(int, mode);
+        QFETCH(QSize, uprightSize);
+        QImage upright(uprightSize, QImage::Format_RGB32);
+        const int w = uprightSize.width();
+        const int h = uprightSize.height();
+        QPainter painter(&upright);
+        painter.fillRect(0, 0, w / 2, h / 2, Qt::red);
+        painter.fillRect(w / 2, 0, w - w / 2, h / 2, Qt::green);
+        painter.fillRect(0, h / 2, w / 2, h - h / 2, Qt::blue);
+        painter.fillRect(w / 2, h / 2, w - w / 2, h - h / 2, Qt::yellow);
+        painter.end();
+        // What the camera stored: the inverse of what the orientation does.
+        QImage stored;
+        switch (orientation) {
+        case 1:
+            stored = upright;
+            break;
+        case 2:
+            stored = upright.mirrored(true, false);
+            break;
+        case 3:
+            stored = upright.transformed(QTransform().rotate(180));
+            break;
+        case 4:
+            stored = upright.mirrored(false, true);
+            break;
+        case 5:
+            stored = upright.transformed(QTransform().rotate(90)).mirrored(true, false);
+            break;
+        case 6:
+            stored = upright.transformed(QTransform().rotate(-90));
+            break;
+        case 7:
+            stored = upright.transformed(QTransform().rotate(-90)).mirrored(true, false);
+            break;
+        default:
+            stored = upright.transformed(QTransform().rotate(90));
+            break;
+        }
+        QByteArray jpeg;
+        {
+            QBuffer buffer(&jpeg);
+            buffer.open(QIODevice::WriteOnly);
+            QVERIFY(stored.save(&buffer, "JPG", 95));
+        }
+        const QString path = m_dir.filePath(QStringLiteral("orientation-%1.jpg").arg(orientation));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(TestUtils::withExifOrientation(jpeg, orientation));
+        file.close();
+
+        const QSize target(320, 240);
+        const QImage shown = toRgb(m_worker.cachedImage(path, QRect(QPoint(0, 0), target), 1.0, Position(mode)));
+        QCOMPARE(shown.size(), target);
+        // The quadrants' centres, where the picture is shown: the whole
+        // target, or the image's own size in the middle.
+        const QRect area = mode == Center ? QRect(QPoint((target.width() - w) / 2, (target.height() - h) / 2), uprightSize) : QRect(QPoint(0, 0), target);
+        const int qx = area.width() / 4;
+        const int qy = area.height() / 4;
+        const QList<QPair<QPoint, QColor>> expected = {{area.topLeft() + QPoint(qx, qy), Qt::red},
+                                                       {area.topLeft() + QPoint(3 * qx, qy), Qt::green},
+                                                       {area.topLeft() + QPoint(qx, 3 * qy), Qt::blue},
+                                                       {area.topLeft() + QPoint(3 * qx, 3 * qy), Qt::yellow}};
+        for (const auto &point : expected) {
+            QVERIFY2(TestUtils::fuzzyColor(shown.pixel(point.first), point.second, 24),
+                     qPrintable(QStringLiteral("%1,%2: %3").arg(point.first.x()).arg(point.first.y()).arg(QColor(shown.pixel(point.first)).name())));
+        }
+    }
+
+    void everyFormatIsReadWithItsSize_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<bool>("exactColour");
+        const QSize size(36, 20);
+        const QImage white = [size] {
+            QImage image(size, QImage::Format_RGB32);
+            image.fill(Qt::white);
+            return image;
+        }();
+        for (const char *format : {"png", "jpg", "bmp", "pbm", "pgm", "ppm", "xbm", "xpm"}) {
+            QTest::newRow(format) << TestUtils::writeImage(m_dir.path(), QStringLiteral("format.%1").arg(QLatin1String(format)), white) << size
+                                  << (qstrcmp(format, "jpg") != 0);
+        }
+        // Qt reads GIF but does not write it: a 36 x 20 white GIF by hand
+        // (a one-colour palette and one LZW code stream of clear, 720 times
+        // index 0 through repeated codes, end).
+        QByteArray gif("GIF89a");
+        gif.append(char(36)).append(char(0)).append(char(20)).append(char(0));
+        gif.append(char(0x80)).append(char(0)).append(char(0));
+        gif.append(char(0xff)).append(char(0xff)).append(char(0xff)).append(char(0)).append(char(0)).append(char(0));
+        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
+        gif.append(char(36)).append(char(0)).append(char(20)).append(char(0)).append(char(0));
+        gif.append(gifWhiteData(36 * 20));
+        gif.append(char(0x3b));
+        const QString gifPath = m_dir.filePath(QStringLiteral("format.gif"));
+        QFile gifFile(gifPath);
+        QVERIFY(gifFile.open(QIODevice::WriteOnly));
+        gifFile.write(gif);
+        gifFile.close();
+        QTest::newRow("gif") << gifPath << size << true;
+        if (QImageReader::supportedImageFormats().contains("svg")) {
+            const QString svgPath = m_dir.filePath(QStringLiteral("format.svg"));
+            QFile svg(svgPath);
+            QVERIFY(svg.open(QIODevice::WriteOnly));
+            svg.write("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"36\" height=\"20\"><rect width=\"36\" height=\"20\" fill=\"#ffffff\"/></svg>");
+            svg.close();
+            QTest::newRow("svg") << svgPath << size << true;
+        }
+    }
+
+    void everyFormatIsReadWithItsSize()
+    {
+        // Centred on black: the white image shows exactly where its header
+        // says its size is.
+        QFETCH(QString, path);
+        QFETCH(QSize, size);
+        QFETCH(bool, exactColour);
+        QVERIFY(!path.isEmpty());
+        LogRecorder recorder;
+        const QSize target(200, 150);
+        const QImage shown = toRgb(m_worker.cachedImage(path, QRect(QPoint(0, 0), target), 1.0, Center));
+        QVERIFY(recorder.entries().isEmpty());
+        const QRect area(QPoint((target.width() - size.width()) / 2, (target.height() - size.height()) / 2), size);
+        const int fuzz = exactColour ? 0 : 8;
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(area.topLeft()), Qt::white, fuzz));
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(area.bottomRight()), Qt::white, fuzz));
+        QCOMPARE(shown.pixel(area.topLeft() - QPoint(1, 1)), qRgb(0, 0, 0));
+        QCOMPARE(shown.pixel(area.bottomRight() + QPoint(1, 1)), qRgb(0, 0, 0));
+    }
+
     void hugeDeclaredSizeIsNeverDecoded_data()
     {
         QTest::addColumn<QString>("path");
@@ -444,6 +766,7 @@ private Q_SLOTS:
         QProcess child;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QString::fromLatin1(childEnvironment), path);
+        environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(int(Crop)));
         child.setProcessEnvironment(environment);
         child.start(QCoreApplication::applicationFilePath(), QStringList());
         QVERIFY(child.waitForFinished(120000));
@@ -466,13 +789,13 @@ private Q_SLOTS:
 
 // The child of hugeDeclaredSizeIsNeverDecoded: fit the file, report the
 // warnings, the result and the peak memory on standard output.
-static int runFittingChild(int argc, char **argv, const QString &path)
+static int runFittingChild(int argc, char **argv, const QString &path, Position mode)
 {
     QGuiApplication app(argc, argv);
     QStringList warnings;
     {
         LogRecorder recorder;
-        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(0, 0, 640, 480), 1.0, Crop);
+        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(0, 0, 640, 480), 1.0, mode);
         warnings = recorder.texts(QtWarningMsg);
         for (const QString &text : warnings) {
             std::printf("warning %s\n", qPrintable(text));
@@ -488,7 +811,7 @@ int main(int argc, char **argv)
 {
     const QString childPath = qEnvironmentVariable(childEnvironment);
     if (!childPath.isEmpty()) {
-        return runFittingChild(argc, argv, childPath);
+        return runFittingChild(argc, argv, childPath, Position(qEnvironmentVariableIntValue(childModeEnvironment)));
     }
     QApplication app(argc, argv);
     app.setAttribute(Qt::AA_Use96Dpi, true);

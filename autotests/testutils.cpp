@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <zlib.h>
+
 namespace TestUtils
 {
 std::atomic<LogRecorder *> LogRecorder::s_current{nullptr};
@@ -281,6 +283,157 @@ QString writeManyScanJpeg(const QString &directory, const QString &fileName, int
         return QString();
     }
     return path;
+}
+
+namespace
+{
+bool writeFile(const QString &path, const QByteArray &data)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+void appendBigEndian(QByteArray &out, quint32 value)
+{
+    out.append(char(value >> 24)).append(char(value >> 16)).append(char(value >> 8)).append(char(value));
+}
+
+void appendLittleEndian(QByteArray &out, quint32 value, int bytes)
+{
+    for (int i = 0; i < bytes; ++i) {
+        out.append(char(value >> (8 * i)));
+    }
+}
+
+void appendPngChunk(QByteArray &out, const char *type, const QByteArray &data)
+{
+    appendBigEndian(out, quint32(data.size()));
+    QByteArray typed(type, 4);
+    typed.append(data);
+    out.append(typed);
+    appendBigEndian(out, quint32(crc32(0, reinterpret_cast<const Bytef *>(typed.constData()), uInt(typed.size()))));
+}
+}
+
+QString writeFlatJpeg(const QString &directory, const QString &fileName, int width, int height, bool progressive)
+{
+    if (width <= 0 || height <= 0 || width % 8 != 0 || height % 8 != 0 || width > 65535 || height > 65535) {
+        return QString();
+    }
+    QByteArray out;
+    out.append(char(0xff)).append(char(0xd8));
+    appendSegment(out, 0xdb, QByteArray(1, char(0)) + QByteArray(64, char(1)));
+    QByteArray frame;
+    frame.append(char(8)).append(char(height >> 8)).append(char(height & 0xff)).append(char(width >> 8)).append(char(width & 0xff));
+    frame.append(char(1)).append(char(1)).append(char(0x11)).append(char(0));
+    appendSegment(out, progressive ? 0xc2 : 0xc0, frame);
+    // DC table: "0" for no difference; AC table: "0" for the end of block.
+    QByteArray counts(16, char(0));
+    counts[0] = 1;
+    appendSegment(out, 0xc4, QByteArray(1, char(0x00)) + counts + QByteArray(1, char(0x00)));
+    appendSegment(out, 0xc4, QByteArray(1, char(0x10)) + counts + QByteArray(1, char(0x00)));
+    QByteArray scan;
+    scan.append(char(1)).append(char(1)).append(char(0x00)).append(char(0)).append(char(progressive ? 0 : 63)).append(char(0));
+    appendSegment(out, 0xda, scan);
+    // Each block: no DC difference, and (baseline) the end of the block at
+    // once. The bits are all zero, so whole bytes of zero.
+    const qint64 blocks = qint64(width / 8) * (height / 8);
+    const qint64 bits = blocks * (progressive ? 1 : 2);
+    out.append(QByteArray(int((bits + 7) / 8), char(0)));
+    out.append(char(0xff)).append(char(0xd9));
+    const QString path = QDir(directory).filePath(fileName);
+    return writeFile(path, out) ? path : QString();
+}
+
+QString writeZeroPng(const QString &directory, const QString &fileName, int width, int height, int bitDepth, int colourType)
+{
+    const int channels = colourType == 6 ? 4 : 3;
+    if (width <= 0 || height <= 0 || (bitDepth != 8 && bitDepth != 16) || (colourType != 2 && colourType != 6)) {
+        return QString();
+    }
+    QByteArray out("\x89PNG\r\n\x1a\n", 8);
+    QByteArray header;
+    appendBigEndian(header, quint32(width));
+    appendBigEndian(header, quint32(height));
+    header.append(char(bitDepth)).append(char(colourType)).append(char(0)).append(char(0)).append(char(0));
+    appendPngChunk(out, "IHDR", header);
+
+    // Every row: filter 0 and zero samples, deflated as it goes.
+    const QByteArray row(1 + qint64(width) * channels * bitDepth / 8, char(0));
+    z_stream stream{};
+    if (deflateInit(&stream, Z_BEST_COMPRESSION) != Z_OK) {
+        return QString();
+    }
+    QByteArray compressed;
+    QByteArray buffer(1 << 16, char(0));
+    for (int y = 0; y <= height; ++y) {
+        const bool last = y == height;
+        stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(row.constData()));
+        stream.avail_in = last ? 0 : uInt(row.size());
+        do {
+            stream.next_out = reinterpret_cast<Bytef *>(buffer.data());
+            stream.avail_out = uInt(buffer.size());
+            deflate(&stream, last ? Z_FINISH : Z_NO_FLUSH);
+            compressed.append(buffer.constData(), buffer.size() - int(stream.avail_out));
+        } while (stream.avail_out == 0);
+    }
+    deflateEnd(&stream);
+    appendPngChunk(out, "IDAT", compressed);
+    appendPngChunk(out, "IEND", QByteArray());
+    const QString path = QDir(directory).filePath(fileName);
+    return writeFile(path, out) ? path : QString();
+}
+
+QString writeRleBmp(const QString &directory, const QString &fileName, int width, int height)
+{
+    QByteArray palette;
+    for (int i = 0; i < 256; ++i) {
+        palette.append(char(i)).append(char(i)).append(char(i)).append(char(0));
+    }
+    // One run of width pixels of colour 200 on the first row, then the end
+    // of the bitmap.
+    QByteArray data;
+    data.append(char(qMin(width, 255))).append(char(200));
+    data.append(char(0)).append(char(1));
+    const int dataOffset = 14 + 40 + palette.size();
+    QByteArray out("BM");
+    appendLittleEndian(out, quint32(dataOffset + data.size()), 4);
+    appendLittleEndian(out, 0, 4);
+    appendLittleEndian(out, quint32(dataOffset), 4);
+    appendLittleEndian(out, 40, 4);
+    appendLittleEndian(out, quint32(width), 4);
+    appendLittleEndian(out, quint32(height), 4);
+    appendLittleEndian(out, 1, 2);
+    appendLittleEndian(out, 8, 2);
+    // BI_RLE8.
+    appendLittleEndian(out, 1, 4);
+    appendLittleEndian(out, quint32(data.size()), 4);
+    appendLittleEndian(out, 2835, 4);
+    appendLittleEndian(out, 2835, 4);
+    appendLittleEndian(out, 256, 4);
+    appendLittleEndian(out, 0, 4);
+    out.append(palette).append(data);
+    const QString path = QDir(directory).filePath(fileName);
+    return writeFile(path, out) ? path : QString();
+}
+
+QByteArray withExifOrientation(const QByteArray &jpeg, int orientation)
+{
+    // "Exif" and a little-endian TIFF header with one directory of one
+    // entry: tag 0x0112 (orientation), type SHORT, one value.
+    QByteArray exif("Exif\0\0", 6);
+    exif.append("II*\0", 4);
+    appendLittleEndian(exif, 8, 4);
+    appendLittleEndian(exif, 1, 2);
+    appendLittleEndian(exif, 0x0112, 2);
+    appendLittleEndian(exif, 3, 2);
+    appendLittleEndian(exif, 1, 4);
+    appendLittleEndian(exif, quint32(orientation), 2);
+    appendLittleEndian(exif, 0, 2);
+    appendLittleEndian(exif, 0, 4);
+    QByteArray segment;
+    appendSegment(segment, 0xe1, exif);
+    return jpeg.left(2) + segment + jpeg.mid(2);
 }
 
 QString writeImage(const QString &directory, const QString &fileName, const QImage &image)

@@ -94,6 +94,21 @@ QString writeImage(const QString &directory, const QString &fileName, const QIma
 // small file that takes a decoder minutes. Returns its path, or an empty
 // string on error.
 QString writeManyScanJpeg(const QString &directory, const QString &fileName, int size, int acScans);
+// Writes a flat mid-grey JPEG of width x height pixels (multiples of 8, at
+// most 65535) in one baseline scan, or progressive with a DC scan only: a
+// file of about a bit or two per 64 pixels, however large it claims to be.
+QString writeFlatJpeg(const QString &directory, const QString &fileName, int width, int height, bool progressive);
+// Writes a valid PNG of width x height pixels, all zero (transparent black,
+// or black), with the given bit depth (8 or 16) and colour type (2 RGB, 6
+// RGBA), compressed as it is written: a few hundred kilobytes for hundreds
+// of megabytes of pixels.
+QString writeZeroPng(const QString &directory, const QString &fileName, int width, int height, int bitDepth, int colourType);
+// Writes a BMP of width x height pixels, 8 bits a pixel, run-length encoded,
+// whose data ends the bitmap at once: a few hundred bytes.
+QString writeRleBmp(const QString &directory, const QString &fileName, int width, int height);
+// Inserts an EXIF block with the given orientation (1 to 8) after the start
+// of a JPEG file.
+QByteArray withExifOrientation(const QByteArray &jpeg, int orientation);
 
 // The process's peak resident memory in KiB (VmHWM), or -1.
 qint64 peakResidentKiB();

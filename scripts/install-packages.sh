@@ -8,7 +8,7 @@
 set -euo pipefail
 
 packages=(
-    cmake g++ make pkg-config
+    cmake g++ make pkg-config zlib1g-dev
     qtbase5-dev qtbase5-dev-tools libqt5svg5
     libkf5i18n-dev extra-cmake-modules gettext
     fonts-dejavu-core xvfb xauth locales

@@ -141,44 +141,200 @@ private:
     bool m_overBudget = false;
 };
 
-// Asks the reader to deliver the image already reduced to what the mode
-// shows, when the image is larger than that and the format can decode into a
-// smaller size by itself (JPEG through the library's DCT scaling, PNG row by
-// row), instead of decoding every pixel and scaling afterwards. Images not
-// larger than what is shown are read as they are, so their pixels do not
-// change. Returns true when the reader will deliver exactly Crop's visible
-// part at the target size.
-bool reduceWhileReading(QImageReader &reader, const QSize &image, const QSize &target, Position position)
+// What a JPEG's header says about how the library decodes it: a progressive
+// file, or one whose first scan does not hold every component, keeps
+// coefficients for the whole declared image until its last scan, however far
+// the output is scaled down.
+struct JpegLayout {
+    bool known = false;
+    int components = 0;
+    bool buffered = false;
+};
+
+// Walks the markers of a JPEG file up to its first scan, reading only the
+// segments' headers (and the frame header itself).
+JpegLayout jpegLayout(const QString &path)
 {
-    if (!image.isValid() || target.isEmpty() || !reader.supportsOption(QImageIOHandler::ScaledSize)) {
-        return false;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.isSequential() || file.read(2) != QByteArray("\xff\xd8", 2)) {
+        return JpegLayout();
     }
-    if (position == Tile || position == Center) {
-        // Shown at their own size.
-        return false;
-    }
-    // The reader's smooth downscaler, as Qt::SmoothTransformation.
-    const int smoothQuality = 100;
-    if (position == Crop) {
-        const QSize expanded = image.scaled(target, Qt::KeepAspectRatioByExpanding);
-        if (image.width() <= expanded.width() || image.height() <= expanded.height()) {
-            return false;
+    JpegLayout layout;
+    // A real file has a few dozen segments before its first scan.
+    for (int segment = 0; segment < 4096; ++segment) {
+        char byte = 0;
+        do {
+            if (!file.getChar(&byte)) {
+                return JpegLayout();
+            }
+        } while (uchar(byte) != 0xff);
+        do {
+            if (!file.getChar(&byte)) {
+                return JpegLayout();
+            }
+        } while (uchar(byte) == 0xff);
+        const uchar marker = uchar(byte);
+        if (marker == 0x01 || (marker >= 0xd0 && marker <= 0xd8)) {
+            // Markers without a segment.
+            continue;
         }
-        reader.setQuality(smoothQuality);
-        if (reader.supportsOption(QImageIOHandler::ClipRect)) {
-            reader.setClipRect(visiblePart(image, target));
-            reader.setScaledSize(target);
-            return true;
+        if (marker == 0xd9) {
+            return JpegLayout();
         }
-        reader.setScaledSize(expanded);
-        return false;
+        const QByteArray lengthBytes = file.read(2);
+        if (lengthBytes.size() < 2) {
+            return JpegLayout();
+        }
+        const int length = (uchar(lengthBytes.at(0)) << 8) | uchar(lengthBytes.at(1));
+        if (length < 2) {
+            return JpegLayout();
+        }
+        const bool frame = marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc;
+        if (frame) {
+            const QByteArray header = file.read(length - 2);
+            if (header.size() < 6) {
+                return JpegLayout();
+            }
+            layout.components = uchar(header.at(5));
+            // SOF2, SOF6, SOF10 and SOF14 are the progressive frames.
+            layout.buffered = (marker & 0x03) == 0x02;
+            continue;
+        }
+        if (marker == 0xda) {
+            const QByteArray scan = file.read(1);
+            if (scan.isEmpty() || layout.components <= 0) {
+                return JpegLayout();
+            }
+            layout.buffered = layout.buffered || uchar(scan.at(0)) < layout.components;
+            layout.known = true;
+            return layout;
+        }
+        if (!file.seek(file.pos() + length - 2)) {
+            return JpegLayout();
+        }
     }
-    // Stretch, and any unknown mode, which is stretched.
-    if (image.width() > target.width() && image.height() > target.height()) {
-        reader.setQuality(smoothQuality);
-        reader.setScaledSize(target);
+    return JpegLayout();
+}
+
+qint64 pixelsOf(const QSize &size)
+{
+    return qint64(qMax(0, size.width())) * qMax(0, size.height());
+}
+
+// How the reader is asked to read one file, and what that costs.
+struct ReadPlan {
+    // The size the file's header gives, as stored (before any orientation is
+    // applied), and upright; invalid when the header does not say.
+    QSize stored;
+    QSize upright;
+    // What the reader is asked to deliver, in stored coordinates: a scaled
+    // size and for Crop the visible part of the scaled image; invalid when
+    // the file is read as it is.
+    QSize scaledSize;
+    QRect scaledClipRect;
+    // Bytes the decoding allocates at most, or -1 when unknown.
+    qint64 bytes = -1;
+};
+
+// The size the header gives. A top-down BMP states a negative height (its
+// rows run from the top), which is a size like any other; a width of zero or
+// less means the header did not tell.
+QSize headerSize(QImageReader &reader)
+{
+    const QSize size = reader.size();
+    if (size.width() <= 0 || size.height() == 0) {
+        return QSize();
     }
-    return false;
+    return QSize(size.width(), qAbs(size.height()));
+}
+
+// Plans the reading: the image is read already reduced to what the mode
+// shows when it is larger than that and the format can decode into a smaller
+// size by itself (JPEG through the library's DCT scaling, PNG row by row,
+// SVG by rendering at that size), instead of being decoded in full and scaled
+// afterwards; images not larger than what is shown are read as they are, so
+// their pixels do not change. Then what that decoding allocates is counted,
+// from the header alone: a decoder may allocate whatever a header claims.
+ReadPlan planReading(QImageReader &reader,
+                     const QString &path,
+                     bool sequential,
+                     const QByteArray &head,
+                     const QByteArray &contentFormat,
+                     const QSize &target,
+                     Position position)
+{
+    ReadPlan plan;
+    plan.stored = headerSize(reader);
+    if (!plan.stored.isValid()) {
+        return plan;
+    }
+    // Photos carry their orientation; the reader turns them upright, and the
+    // modes work on the upright image.
+    const bool turned = reader.transformation() & QImageIOHandler::TransformationRotate90;
+    plan.upright = turned ? plan.stored.transposed() : plan.stored;
+    const QSize storedTarget = turned ? target.transposed() : target;
+
+    const bool shownAtOwnSize = position == Tile || position == Center;
+    if (!target.isEmpty() && !shownAtOwnSize && reader.supportsOption(QImageIOHandler::ScaledSize)) {
+        if (position == Crop) {
+            // Scaled to cover the target, then its middle: the reader cuts
+            // it out itself (or QImageReader does, after the scaling).
+            const QSize expanded = plan.upright.scaled(target, Qt::KeepAspectRatioByExpanding);
+            if (plan.upright.width() > expanded.width() && plan.upright.height() > expanded.height()) {
+                plan.scaledSize = turned ? expanded.transposed() : expanded;
+                plan.scaledClipRect = QRect(QPoint((plan.scaledSize.width() - storedTarget.width()) / 2, (plan.scaledSize.height() - storedTarget.height()) / 2),
+                                            storedTarget);
+            }
+        } else if (plan.upright.width() > target.width() && plan.upright.height() > target.height()) {
+            // Stretch, and any unknown mode, which is stretched.
+            plan.scaledSize = storedTarget;
+        }
+    }
+
+    // What the content is, which decides the decoder: the reader names the
+    // format by the file's suffix (an SVG document named .png is "png" to it,
+    // though its SVG reader decodes it).
+    const QByteArray format = contentFormat.isEmpty() ? reader.format() : contentFormat;
+    const qint64 declared = pixelsOf(plan.stored);
+    if (format == "jpeg" || format == "jpg") {
+        // The library decodes at M/8 of the size for M from 1 to 8, no
+        // smaller than asked for; the reader scales that to exactly the size
+        // asked for, and cuts the visible part out of it.
+        qint64 bytes = declared * 4;
+        if (plan.scaledSize.isValid()) {
+            const double factor = qMin(double(plan.stored.width()) / plan.scaledSize.width(), double(plan.stored.height()) / plan.scaledSize.height());
+            const int eighths = qBound(1, int(std::ceil(8 / factor)), 8);
+            const QSize dct(int(std::ceil(plan.stored.width() * eighths / 8.0)), int(std::ceil(plan.stored.height() * eighths / 8.0)));
+            bytes = (pixelsOf(dct) + pixelsOf(plan.scaledSize) + pixelsOf(plan.scaledClipRect.size())) * 4;
+        }
+        const JpegLayout layout = sequential ? JpegLayout() : jpegLayout(path);
+        if (!layout.known || layout.buffered) {
+            // About two bytes a declared pixel and component.
+            bytes += declared * (layout.known ? layout.components : 3) * 2;
+        }
+        plan.bytes = bytes;
+    } else if (format == "svg" || format == "svgz") {
+        plan.bytes = pixelsOf(plan.scaledSize.isValid() ? plan.scaledSize : plan.stored) * 4;
+    } else if (format == "png") {
+        // Counted whole: the reader's own scaling of a PNG is no promise of
+        // a smaller allocation. Sixteen bits a channel decode to eight bytes
+        // a pixel, which are then converted to four, and scaled.
+        const bool sixteenBits = head.size() > 24 && head.mid(12, 4) == "IHDR" && uchar(head.at(24)) == 16;
+        plan.bytes = declared * (sixteenBits ? 16 : 4);
+    } else if (format == "gif") {
+        // A GIF is decoded onto its whole logical screen, whose size the
+        // header states apart from the size of the first frame that the
+        // reader reports: 29 bytes can claim a screen of 65535 x 32767.
+        if (head.size() < 10) {
+            return plan;
+        }
+        const qint64 screenWidth = uchar(head.at(6)) | (uchar(head.at(7)) << 8);
+        const qint64 screenHeight = uchar(head.at(8)) | (uchar(head.at(9)) << 8);
+        plan.bytes = qMax(declared, screenWidth * screenHeight) * 4;
+    } else {
+        plan.bytes = declared * 4;
+    }
+    return plan;
 }
 
 // A preparation allocates and frees tens of megabytes (the decoded file, the
@@ -191,33 +347,6 @@ void returnFreeMemory()
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
-}
-
-// How many pixels decoding the file would allocate, from its header alone,
-// or -1 when the header does not say: then the file is not decoded at all,
-// since a decoder may allocate whatever a broken header claims.
-// gifHeader is the first ten bytes of the file, read before the decoder
-// began.
-qint64 declaredPixels(QImageReader &reader, const QByteArray &gifHeader)
-{
-    const QSize size = reader.size();
-    if (!size.isValid()) {
-        return -1;
-    }
-    qint64 pixels = qint64(size.width()) * qint64(size.height());
-    // A GIF is decoded onto its whole logical screen, whose size the header
-    // states apart from the size of the first frame that the reader reports:
-    // 29 bytes can claim a screen of 65535 x 32767 pixels.
-    if (reader.format() == "gif") {
-        const QByteArray &header = gifHeader;
-        if (header.size() < 10) {
-            return -1;
-        }
-        const qint64 screenWidth = uchar(header.at(6)) | (uchar(header.at(7)) << 8);
-        const qint64 screenHeight = uchar(header.at(8)) | (uchar(header.at(9)) << 8);
-        pixels = qMax(pixels, screenWidth * screenHeight);
-    }
-    return pixels;
 }
 }
 
@@ -532,14 +661,23 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
     {
         PreparationFile file(path, unwanted);
         if (file.open(QIODevice::ReadOnly)) {
-            // Before the decoder reads anything: a GIF's logical screen size.
-            const QByteArray gifHeader = file.peek(10);
+            // Before the decoder reads anything: the PNG and GIF headers.
+            const QByteArray head = file.peek(32);
+            const QByteArray contentFormat = QImageReader::imageFormat(&file);
             QImageReader reader(&file);
-            const qint64 pixels = declaredPixels(reader, gifHeader);
-            if (pixels >= 0 && pixels <= maxImagePixels) {
-                visiblePartDelivered = reduceWhileReading(reader, reader.size(), size, position);
+            reader.setAutoTransform(true);
+            const ReadPlan plan = planReading(reader, path, file.isSequential(), head, contentFormat, size, position);
+            if (plan.bytes >= 0 && plan.bytes <= maxDecodedBytes) {
+                if (plan.scaledSize.isValid()) {
+                    // The reader's smooth downscaler, as Qt::SmoothTransformation.
+                    reader.setQuality(100);
+                    reader.setScaledSize(plan.scaledSize);
+                    if (plan.scaledClipRect.isValid()) {
+                        reader.setScaledClipRect(plan.scaledClipRect);
+                    }
+                }
                 decoded = reader.read();
-                visiblePartDelivered = visiblePartDelivered && decoded.size() == size;
+                visiblePartDelivered = plan.scaledClipRect.isValid() && decoded.size() == size;
             }
         }
         if (file.cutShort()) {

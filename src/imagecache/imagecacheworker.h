@@ -104,10 +104,12 @@ public:
 
     Snapshot snapshot() const;
 
-    // Images declaring more pixels than this (512 MiB as 32-bit pixels), or
-    // whose header does not tell their size, are never decoded: a lock
-    // screen must not be taken down by one huge or broken file.
-    static constexpr qint64 maxImagePixels = 134217728;
+    // No image whose decoding would allocate more than this (64 Mi pixels of
+    // 32 bits), counted from its header after the reader's own reduction and
+    // with what the decoder keeps besides the result, or whose header does
+    // not tell its size, is decoded: a lock screen must not be taken down by
+    // one huge or broken file.
+    static constexpr qint64 maxDecodedBytes = 268435456;
 
     // Loads the file and fits it to the geometry's size in the given mode.
     // An unreadable (or too large, or too slow) file gives a black pixmap of
