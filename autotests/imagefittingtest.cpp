@@ -79,6 +79,16 @@ QByteArray gifWhiteData(int pixels)
     return data;
 }
 
+// One data row per fitting mode, in the column "position".
+void addModeRows()
+{
+        QTest::addColumn<int>("position");
+        QTest::newRow("stretch") << int(Stretch);
+        QTest::newRow("crop") << int(Crop);
+        QTest::newRow("tile") << int(Tile);
+        QTest::newRow("center") << int(Center);
+}
+
 QImage toRgb(const QPixmap &pixmap)
 {
     return pixmap.toImage().convertToFormat(QImage::Format_RGB32);
@@ -209,11 +219,7 @@ private Q_SLOTS:
 
     void missingFileGivesABlackCanvas_data()
     {
-        QTest::addColumn<int>("position");
-        QTest::newRow("stretch") << int(Stretch);
-        QTest::newRow("crop") << int(Crop);
-        QTest::newRow("tile") << int(Tile);
-        QTest::newRow("center") << int(Center);
+        addModeRows();
     }
 
     void missingFileGivesABlackCanvas()
@@ -452,6 +458,27 @@ private Q_SLOTS:
         QTest::addColumn<int>("mode");
         QTest::addColumn<bool>("shown");
         const QString dir = m_dir.path();
+        // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a
+        // 32-bit pixmap.
+        QImage mono(12000, 12000, QImage::Format_Mono);
+        mono.fill(0);
+        QTest::newRow("1-bit png of 12000x12000") << TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono) << int(Crop) << false;
+
+        // 23 bytes of GIF named like a JPEG: a logical screen of 16000 x 16000
+        // pixels (1 GB as 32-bit pixels), one 1 x 1 frame, cut short. The
+        // reader reports the frame's size; the decoder would allocate and
+        // clear the screen.
+        QByteArray gif("GIF87a");
+        gif.append(char(16000 & 0xff)).append(char(16000 >> 8)).append(char(16000 & 0xff)).append(char(16000 >> 8));
+        gif.append(char(0)).append(char(0)).append(char(0));
+        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
+        gif.append(char(1)).append(char(0)).append(char(1)).append(char(0)).append(char(0)).append(char(2));
+        const QString gifPath = m_dir.filePath(QStringLiteral("screen.jpg"));
+        QFile file(gifPath);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(gif);
+        file.close();
+        QTest::newRow("gif screen of 16000x16000") << gifPath << int(Crop) << false;
         // Sixteen bits a channel: 8 bytes a pixel, 538 MB for 67 million
         // pixels, which a count of pixels alone took for half of its limit.
         QTest::newRow("16-bit rgba png of 8200x8200") << TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 8200, 8200, 16, 6) << int(Crop) << false;
@@ -524,18 +551,14 @@ private Q_SLOTS:
 
     void topDownBmpShowsItsPixels_data()
     {
-        QTest::addColumn<int>("mode");
-        QTest::newRow("stretch") << int(Stretch);
-        QTest::newRow("crop") << int(Crop);
-        QTest::newRow("tile") << int(Tile);
-        QTest::newRow("center") << int(Center);
+        addModeRows();
     }
 
     void topDownBmpShowsItsPixels()
     {
         // Some tools write BMP rows from the top, which the header says with
         // a negative height.
-        QFETCH(int, mode);
+        QFETCH(int, position);
         const QImage source = patternImage(QSize(120, 90));
         QByteArray bottomUp;
         {
@@ -574,9 +597,9 @@ private Q_SLOTS:
 
         LogRecorder recorder;
         const QRect target(0, 0, 200, 150);
-        const QPixmap shown = m_worker.cachedImage(topDownPath, target, 1.0, Position(mode));
+        const QPixmap shown = m_worker.cachedImage(topDownPath, target, 1.0, Position(position));
         QVERIFY(recorder.entries().isEmpty());
-        QCOMPARE(toRgb(shown), toRgb(m_worker.cachedImage(bottomUpPath, target, 1.0, Position(mode))));
+        QCOMPARE(toRgb(shown), toRgb(m_worker.cachedImage(bottomUpPath, target, 1.0, Position(position))));
     }
 
     void exifOrientationIsApplied_data()
@@ -730,64 +753,9 @@ private Q_SLOTS:
         QCOMPARE(shown.pixel(area.bottomRight() + QPoint(1, 1)), qRgb(0, 0, 0));
     }
 
-    void hugeDeclaredSizeIsNeverDecoded_data()
-    {
-        QTest::addColumn<QString>("path");
-
-        // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a
-        // 32-bit pixmap.
-        QImage mono(12000, 12000, QImage::Format_Mono);
-        mono.fill(0);
-        QTest::newRow("1-bit png") << TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono);
-
-        // 23 bytes of GIF named like a JPEG: a logical screen of 16000 x 16000
-        // pixels (1 GB as 32-bit pixels), one 1 x 1 frame, cut short. The
-        // reader reports the frame's size; the decoder would allocate and
-        // clear the screen.
-        QByteArray gif("GIF87a");
-        gif.append(char(16000 & 0xff)).append(char(16000 >> 8)).append(char(16000 & 0xff)).append(char(16000 >> 8));
-        gif.append(char(0)).append(char(0)).append(char(0));
-        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
-        gif.append(char(1)).append(char(0)).append(char(1)).append(char(0)).append(char(0)).append(char(2));
-        const QString gifPath = m_dir.filePath(QStringLiteral("screen.jpg"));
-        QFile file(gifPath);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(gif);
-        file.close();
-        QTest::newRow("gif screen") << gifPath;
-    }
-
-    void hugeDeclaredSizeIsNeverDecoded()
-    {
-        // Fitted in a child so that its peak memory is its own.
-        QFETCH(QString, path);
-        QVERIFY(QFileInfo(path).size() < 1024 * 1024);
-
-        QProcess child;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QString::fromLatin1(childEnvironment), path);
-        environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(int(Crop)));
-        child.setProcessEnvironment(environment);
-        child.start(QCoreApplication::applicationFilePath(), QStringList());
-        QVERIFY(child.waitForFinished(120000));
-        QCOMPARE(child.exitStatus(), QProcess::NormalExit);
-        const QString output = QString::fromLatin1(child.readAllStandardOutput());
-        const QString errors = QString::fromLatin1(child.readAllStandardError());
-        QVERIFY2(child.exitCode() == 0, qPrintable(errors));
-
-        const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        QCOMPARE(lines.size(), 3);
-        QCOMPARE(lines.at(0), QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path));
-        QCOMPARE(lines.at(1), QStringLiteral("result 640x480 black"));
-        const qint64 peakKiB = lines.at(2).section(QLatin1Char(' '), 1).toLongLong();
-        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
-        // Decoding would take well over 576 MB; the child stays at the size
-        // of a small Qt program (larger under the sanitizers).
-        QVERIFY2(peakKiB > 0 && peakKiB < 300 * 1024, qPrintable(QString::number(peakKiB)));
-    }
 };
 
-// The child of hugeDeclaredSizeIsNeverDecoded: fit the file, report the
+// The child of decodingLimitCountsWhatIsDecoded: fit the file, report the
 // warnings, the result and the peak memory on standard output.
 static int runFittingChild(int argc, char **argv, const QString &path, Position mode)
 {

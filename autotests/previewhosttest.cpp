@@ -84,6 +84,21 @@ private:
                 QStringLiteral("320x200")};
     }
 
+    // Runs the host on dir in its 320 x 200 window and captures it at the
+    // given second into name.png, with its settings in name.ini.
+    bool snapshotOf(const QString &dir, const QString &name, const QString &at, QImage *image)
+    {
+        const QString snapshot = m_dir.filePath(name + QStringLiteral(".png"));
+        const Result result = run(showArguments(name + QStringLiteral(".ini"))
+                                  << QStringLiteral("--dir") << dir << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at") << at);
+        if (result.exitStatus != QProcess::NormalExit || result.exitCode != 0) {
+            qWarning("the host failed: %s", qPrintable(result.err));
+            return false;
+        }
+        *image = QImage(snapshot);
+        return image->size() == QSize(320, 200);
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -98,13 +113,8 @@ private Q_SLOTS:
 
     void snapshotShowsTheSlide()
     {
-        const QString snapshot = m_dir.filePath(QStringLiteral("snapshot.png"));
-        const Result result = run(showArguments(QStringLiteral("snapshot.ini"))
-                                  << QStringLiteral("--dir") << m_red << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at")
-                                  << QStringLiteral("1"));
-        QVERIFY2(result.exitStatus == QProcess::NormalExit && result.exitCode == 0, qPrintable(result.err));
-        const QImage image(snapshot);
-        QCOMPARE(image.size(), QSize(320, 200));
+        QImage image;
+        QVERIFY(snapshotOf(m_red, QStringLiteral("snapshot"), QStringLiteral("1"), &image));
         // Crop of a solid image: the whole frame is the image's colour.
         for (const QPoint &point : {QPoint(0, 0), QPoint(160, 100), QPoint(319, 199)}) {
             QVERIFY2(TestUtils::fuzzyColor(image.pixel(point), QColor(220, 20, 30), 2), qPrintable(QColor(image.pixel(point)).name()));
@@ -137,13 +147,8 @@ private Q_SLOTS:
         // transparent label, so everything else is the window's own colour.
         const QString empty = m_dir.filePath(QStringLiteral("empty"));
         QVERIFY(QDir().mkpath(empty));
-        const QString snapshot = m_dir.filePath(QStringLiteral("background.png"));
-        const Result result = run(showArguments(QStringLiteral("background.ini"))
-                                  << QStringLiteral("--dir") << empty << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at")
-                                  << QStringLiteral("0.5"));
-        QVERIFY2(result.exitStatus == QProcess::NormalExit && result.exitCode == 0, qPrintable(result.err));
-        const QImage image(snapshot);
-        QCOMPARE(image.size(), QSize(320, 200));
+        QImage image;
+        QVERIFY(snapshotOf(empty, QStringLiteral("background"), QStringLiteral("0.5"), &image));
         for (const QPoint &point : {QPoint(0, 0), QPoint(319, 0), QPoint(0, 199), QPoint(319, 199)}) {
             QCOMPARE(QColor(image.pixel(point)), QColor(Qt::black));
         }

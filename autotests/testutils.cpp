@@ -204,6 +204,20 @@ void appendSegment(QByteArray &out, quint8 marker, const QByteArray &payload)
     out.append(char(length >> 8)).append(char(length & 0xff));
     out.append(payload);
 }
+
+// The start of a grey JPEG: one quantisation table of ones and the frame
+// (a baseline or progressive one, by its marker) of one 8-bit component.
+QByteArray greyJpegStart(int width, int height, quint8 frameMarker)
+{
+    QByteArray out;
+    out.append(char(0xff)).append(char(0xd8));
+    appendSegment(out, 0xdb, QByteArray(1, char(0)) + QByteArray(64, char(1)));
+    QByteArray frame;
+    frame.append(char(8)).append(char(height >> 8)).append(char(height & 0xff)).append(char(width >> 8)).append(char(width & 0xff));
+    frame.append(char(1)).append(char(1)).append(char(0x11)).append(char(0));
+    appendSegment(out, frameMarker, frame);
+    return out;
+}
 }
 
 QString writeManyScanJpeg(const QString &directory, const QString &fileName, int size, int acScans)
@@ -211,15 +225,7 @@ QString writeManyScanJpeg(const QString &directory, const QString &fileName, int
     if (size <= 0 || size % 8 != 0 || size > 65535) {
         return QString();
     }
-    QByteArray out;
-    out.append(char(0xff)).append(char(0xd8));
-    // One quantisation table of ones.
-    appendSegment(out, 0xdb, QByteArray(1, char(0)) + QByteArray(64, char(1)));
-    // Progressive frame, one 8-bit component.
-    QByteArray frame;
-    frame.append(char(8)).append(char(size >> 8)).append(char(size & 0xff)).append(char(size >> 8)).append(char(size & 0xff));
-    frame.append(char(1)).append(char(1)).append(char(0x11)).append(char(0));
-    appendSegment(out, 0xc2, frame);
+    QByteArray out = greyJpegStart(size, size, 0xc2);
     // DC table: one code "0" for "no difference".
     QByteArray dcTable(1, char(0x00));
     QByteArray counts(16, char(0));
@@ -320,13 +326,7 @@ QString writeFlatJpeg(const QString &directory, const QString &fileName, int wid
     if (width <= 0 || height <= 0 || width % 8 != 0 || height % 8 != 0 || width > 65535 || height > 65535) {
         return QString();
     }
-    QByteArray out;
-    out.append(char(0xff)).append(char(0xd8));
-    appendSegment(out, 0xdb, QByteArray(1, char(0)) + QByteArray(64, char(1)));
-    QByteArray frame;
-    frame.append(char(8)).append(char(height >> 8)).append(char(height & 0xff)).append(char(width >> 8)).append(char(width & 0xff));
-    frame.append(char(1)).append(char(1)).append(char(0x11)).append(char(0));
-    appendSegment(out, progressive ? 0xc2 : 0xc0, frame);
+    QByteArray out = greyJpegStart(width, height, progressive ? 0xc2 : 0xc0);
     // DC table: "0" for no difference; AC table: "0" for the end of block.
     QByteArray counts(16, char(0));
     counts[0] = 1;

@@ -696,6 +696,17 @@ void benchmarkStalls(const QString &largePhotos, int runs)
         }
     };
 
+    // Starts the stall monitor, lets the event loop run 20 ms and times the
+    // call itself.
+    const auto timedCall = [&](StallRow &row, const std::function<void()> &action) {
+        monitor.start();
+        runEventLoopFor(20);
+        QElapsedTimer callClock;
+        callClock.start();
+        action();
+        row.callMs.push_back(elapsedMs(callClock));
+    };
+
     // One call measured per run: before it, the slides of the last one are
     // ready; with busy, the same kind of call was made 30 ms before, so the
     // worker is in the middle of its first image and has more queued.
@@ -709,12 +720,7 @@ void benchmarkStalls(const QString &largePhotos, int runs)
                 action();
                 runEventLoopFor(30);
             }
-            monitor.start();
-            runEventLoopFor(20);
-            QElapsedTimer callClock;
-            callClock.start();
-            action();
-            row.callMs.push_back(elapsedMs(callClock));
+            timedCall(row, action);
             ready(withPrevious, what);
             row.stallMs.push_back(monitor.stop());
         }
@@ -823,12 +829,7 @@ void benchmarkStalls(const QString &largePhotos, int runs)
                 fail(QStringLiteral("the worker did not start on the pipe"));
             }
             runEventLoopFor(50);
-            monitor.start();
-            runEventLoopFor(20);
-            QElapsedTimer callClock;
-            callClock.start();
-            action();
-            row.callMs.push_back(elapsedMs(callClock));
+            timedCall(row, action);
             runEventLoopFor(200);
             row.stallMs.push_back(monitor.stop());
             if (!releasePipe()) {
