@@ -1,0 +1,549 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+// How the worker prepares one image: the file read through a device that
+// can be cut short, with the decoding limit and the reader's own reduction,
+// and fitted to the screen in one of the four modes. Nothing here touches
+// the worker's containers or its lock.
+
+#include "imagecache/imagecacheworker.h"
+
+#include "plugin/slideshowconstants.h"
+
+#include <QColor>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QImage>
+#include <QImageReader>
+#include <QPainter>
+#include <QPointF>
+#include <QRectF>
+
+#include <cmath>
+#include <limits>
+#include <utility>
+
+namespace Dm
+{
+namespace ScreenSaver
+{
+namespace
+{
+// Converts toward zero like int(value), but defined for every double: the
+// ratios come from outside, and a zero or absurd ratio must not become
+// undefined behaviour in the arithmetic below.
+int truncated(double value)
+{
+    if (std::isnan(value)) {
+        return 0;
+    }
+    if (value >= double(std::numeric_limits<int>::max())) {
+        return std::numeric_limits<int>::max();
+    }
+    if (value <= double(std::numeric_limits<int>::min())) {
+        return std::numeric_limits<int>::min();
+    }
+    return int(value);
+}
+
+// The canvas of the painting modes: the target's pixel size, the requested
+// device-pixel ratio, black.
+QPixmap blackCanvas(const QSize &size, double devicePixelRatio)
+{
+    QPixmap canvas(size);
+    canvas.setDevicePixelRatio(devicePixelRatio);
+    canvas.fill(QColor(Qt::black));
+    return canvas;
+}
+
+// The centred part of an image of the given size that has the target's
+// aspect ratio: what Crop shows of it. At least one pixel each way.
+QRect visiblePart(const QSize &image, const QSize &target)
+{
+    qint64 width = image.width();
+    qint64 height = image.height();
+    if (width * target.height() > height * target.width()) {
+        width = qMax<qint64>(1, qRound64(double(height) * target.width() / target.height()));
+    } else {
+        height = qMax<qint64>(1, qRound64(double(width) * target.height() / target.width()));
+    }
+    return QRect(int((image.width() - width) / 2), int((image.height() - height) / 2), int(width), int(height));
+}
+
+// The file as the decoders read it: a QFile (so that the reader still takes
+// the file name's suffix as its first guess of the format) that hands out at
+// most a small piece per read and, before each piece, asks whether the
+// preparation is still wanted and still within its time budget. Once not,
+// the input ends as if the file ended there, and every decoder finishes at
+// once; what it made of the truncated input is thrown away by the caller.
+class PreparationFile : public QFile
+{
+public:
+    PreparationFile(const QString &path, std::function<bool()> unwanted)
+        : QFile(path)
+        , m_unwanted(std::move(unwanted))
+    {
+        m_timer.start();
+    }
+
+    // Why the input was ended, if it was.
+    bool cutShort() const
+    {
+        return m_unwantedSeen || m_overBudget;
+    }
+    bool overBudget() const
+    {
+        return m_overBudget;
+    }
+
+    bool atEnd() const override
+    {
+        return cutShort() || QFile::atEnd();
+    }
+
+protected:
+    qint64 readData(char *data, qint64 maxSize) override
+    {
+        // In small pieces, so that a decoder that spends long on little input
+        // (thousands of tiny progressive scans) asks again often; but the
+        // whole of what was asked for, for a short read is taken for the end
+        // of the file by some decoders, and for garbage by others.
+        qint64 done = 0;
+        while (done < maxSize && stillWanted()) {
+            const qint64 read = QFile::readData(data + done, qMin<qint64>(maxSize - done, 4096));
+            if (read <= 0) {
+                return done > 0 ? done : read;
+            }
+            done += read;
+        }
+        // Asked again after the reads too, which may have waited long.
+        return stillWanted() ? done : 0;
+    }
+
+private:
+    bool stillWanted()
+    {
+        if (!cutShort()) {
+            if (m_unwanted && m_unwanted()) {
+                m_unwantedSeen = true;
+            } else if (m_timer.hasExpired(ImageCacheWorker::preparationBudget)) {
+                m_overBudget = true;
+            }
+        }
+        return !cutShort();
+    }
+
+    const std::function<bool()> m_unwanted;
+    QElapsedTimer m_timer;
+    bool m_unwantedSeen = false;
+    bool m_overBudget = false;
+};
+
+// What a JPEG's header says about how the library decodes it: a progressive
+// file, or one whose first scan does not hold every component, keeps
+// coefficients for the whole declared image until its last scan, however far
+// the output is scaled down.
+struct JpegLayout {
+    bool known = false;
+    int components = 0;
+    bool buffered = false;
+};
+
+// Walks the markers of a JPEG file up to its first scan, reading only the
+// segments' headers (and the frame header itself).
+JpegLayout jpegLayout(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.isSequential() || file.read(2) != QByteArray("\xff\xd8", 2)) {
+        return JpegLayout();
+    }
+    JpegLayout layout;
+    // A real file has a few dozen segments before its first scan.
+    for (int segment = 0; segment < 4096; ++segment) {
+        char byte = 0;
+        do {
+            if (!file.getChar(&byte)) {
+                return JpegLayout();
+            }
+        } while (uchar(byte) != 0xff);
+        do {
+            if (!file.getChar(&byte)) {
+                return JpegLayout();
+            }
+        } while (uchar(byte) == 0xff);
+        const uchar marker = uchar(byte);
+        if (marker == 0x01 || (marker >= 0xd0 && marker <= 0xd8)) {
+            // Markers without a segment.
+            continue;
+        }
+        if (marker == 0xd9) {
+            return JpegLayout();
+        }
+        const QByteArray lengthBytes = file.read(2);
+        if (lengthBytes.size() < 2) {
+            return JpegLayout();
+        }
+        const int length = (uchar(lengthBytes.at(0)) << 8) | uchar(lengthBytes.at(1));
+        if (length < 2) {
+            return JpegLayout();
+        }
+        const bool frame = marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc;
+        if (frame) {
+            const QByteArray header = file.read(length - 2);
+            if (header.size() < 6) {
+                return JpegLayout();
+            }
+            layout.components = uchar(header.at(5));
+            // SOF2, SOF6, SOF10 and SOF14 are the progressive frames.
+            layout.buffered = (marker & 0x03) == 0x02;
+            continue;
+        }
+        if (marker == 0xda) {
+            const QByteArray scan = file.read(1);
+            if (scan.isEmpty() || layout.components <= 0) {
+                return JpegLayout();
+            }
+            layout.buffered = layout.buffered || uchar(scan.at(0)) < layout.components;
+            layout.known = true;
+            return layout;
+        }
+        if (!file.seek(file.pos() + length - 2)) {
+            return JpegLayout();
+        }
+    }
+    return JpegLayout();
+}
+
+qint64 pixelsOf(const QSize &size)
+{
+    return qint64(qMax(0, size.width())) * qMax(0, size.height());
+}
+
+// How the reader is asked to read one file, and what that costs.
+struct ReadPlan {
+    // The size the file's header gives, as stored (before any orientation is
+    // applied), and upright; invalid when the header does not say.
+    QSize stored;
+    QSize upright;
+    // What the reader is asked to deliver, in stored coordinates: a scaled
+    // size and for Crop the visible part of the scaled image; invalid when
+    // the file is read as it is.
+    QSize scaledSize;
+    QRect scaledClipRect;
+    // Bytes the decoding allocates at most, or -1 when unknown.
+    qint64 bytes = -1;
+};
+
+// The size the header gives. A top-down BMP states a negative height (its
+// rows run from the top), which is a size like any other; a width of zero or
+// less means the header did not tell.
+QSize headerSize(QImageReader &reader)
+{
+    const QSize size = reader.size();
+    if (size.width() <= 0 || size.height() == 0) {
+        return QSize();
+    }
+    return QSize(size.width(), qAbs(size.height()));
+}
+
+// Plans the reading: the image is read already reduced to what the mode
+// shows when it is larger than that and the format can decode into a smaller
+// size by itself (JPEG through the library's DCT scaling, PNG row by row,
+// SVG by rendering at that size), instead of being decoded in full and scaled
+// afterwards; images not larger than what is shown are read as they are, so
+// their pixels do not change. Then what that decoding allocates is counted,
+// from the header alone: a decoder may allocate whatever a header claims.
+ReadPlan planReading(QImageReader &reader,
+                     const QString &path,
+                     bool sequential,
+                     const QByteArray &head,
+                     const QByteArray &contentFormat,
+                     const QSize &target,
+                     Position position)
+{
+    ReadPlan plan;
+    plan.stored = headerSize(reader);
+    if (!plan.stored.isValid()) {
+        return plan;
+    }
+    // Photos carry their orientation; the reader turns them upright, and the
+    // modes work on the upright image.
+    const bool turned = reader.transformation() & QImageIOHandler::TransformationRotate90;
+    plan.upright = turned ? plan.stored.transposed() : plan.stored;
+    const QSize storedTarget = turned ? target.transposed() : target;
+
+    const bool shownAtOwnSize = position == Tile || position == Center;
+    if (!target.isEmpty() && !shownAtOwnSize && reader.supportsOption(QImageIOHandler::ScaledSize)) {
+        if (position == Crop) {
+            // Scaled to cover the target, then its middle: the reader cuts
+            // it out itself (or QImageReader does, after the scaling).
+            const QSize expanded = plan.upright.scaled(target, Qt::KeepAspectRatioByExpanding);
+            if (plan.upright.width() > expanded.width() && plan.upright.height() > expanded.height()) {
+                plan.scaledSize = turned ? expanded.transposed() : expanded;
+                plan.scaledClipRect = QRect(QPoint((plan.scaledSize.width() - storedTarget.width()) / 2, (plan.scaledSize.height() - storedTarget.height()) / 2),
+                                            storedTarget);
+            }
+        } else if (plan.upright.width() > target.width() && plan.upright.height() > target.height()) {
+            // Stretch, and any unknown mode, which is stretched.
+            plan.scaledSize = storedTarget;
+        }
+    }
+
+    // What the content is, which decides the decoder: the reader names the
+    // format by the file's suffix (an SVG document named .png is "png" to it,
+    // though its SVG reader decodes it).
+    const QByteArray format = contentFormat.isEmpty() ? reader.format() : contentFormat;
+    const qint64 declared = pixelsOf(plan.stored);
+    if (format == "jpeg" || format == "jpg") {
+        // The library decodes at M/8 of the size for M from 1 to 8, no
+        // smaller than asked for; the reader scales that to exactly the size
+        // asked for, and cuts the visible part out of it.
+        qint64 bytes = declared * 4;
+        if (plan.scaledSize.isValid()) {
+            const double factor = qMin(double(plan.stored.width()) / plan.scaledSize.width(), double(plan.stored.height()) / plan.scaledSize.height());
+            const int eighths = qBound(1, int(std::ceil(8 / factor)), 8);
+            const QSize dct(int(std::ceil(plan.stored.width() * eighths / 8.0)), int(std::ceil(plan.stored.height() * eighths / 8.0)));
+            bytes = (pixelsOf(dct) + pixelsOf(plan.scaledSize) + pixelsOf(plan.scaledClipRect.size())) * 4;
+        }
+        const JpegLayout layout = sequential ? JpegLayout() : jpegLayout(path);
+        if (!layout.known || layout.buffered) {
+            // About two bytes a declared pixel and component.
+            bytes += declared * (layout.known ? layout.components : 3) * 2;
+        }
+        plan.bytes = bytes;
+    } else if (format == "svg" || format == "svgz") {
+        plan.bytes = pixelsOf(plan.scaledSize.isValid() ? plan.scaledSize : plan.stored) * 4;
+    } else if (format == "png") {
+        // Counted whole: the reader's own scaling of a PNG is no promise of
+        // a smaller allocation. Sixteen bits a channel decode to eight bytes
+        // a pixel, which are then converted to four, and scaled.
+        const bool sixteenBits = head.size() > 24 && head.mid(12, 4) == "IHDR" && uchar(head.at(24)) == 16;
+        plan.bytes = declared * (sixteenBits ? 16 : 4);
+    } else if (format == "gif") {
+        // A GIF is decoded onto its whole logical screen, whose size the
+        // header states apart from the size of the first frame that the
+        // reader reports: 29 bytes can claim a screen of 65535 x 32767.
+        if (head.size() < 10) {
+            return plan;
+        }
+        const qint64 screenWidth = uchar(head.at(6)) | (uchar(head.at(7)) << 8);
+        const qint64 screenHeight = uchar(head.at(8)) | (uchar(head.at(9)) << 8);
+        plan.bytes = qMax(declared, screenWidth * screenHeight) * 4;
+    } else {
+        plan.bytes = declared * 4;
+    }
+    return plan;
+}
+}
+
+QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position) const
+{
+    return prepareImage(path, geometry, devicePixelRatio, position, std::function<bool()>());
+}
+
+QPixmap ImageCacheWorker::prepareImage(const QString &path,
+                                       const QRect &geometry,
+                                       double devicePixelRatio,
+                                       Position position,
+                                       const std::function<bool()> &unwanted) const
+{
+    // The black canvas of the target's size is the answer for a file that
+    // cannot be read; it is only built then (at 4K it costs a full fill).
+    // The size the canvas would have: a pixmap of a non-positive size is
+    // null, of size 0 x 0.
+    const QSize size = geometry.width() > 0 && geometry.height() > 0 ? QSize(geometry.width(), geometry.height()) : QSize(0, 0);
+
+    QImage decoded;
+    bool overBudget = false;
+    bool visiblePartDelivered = false;
+    {
+        PreparationFile file(path, unwanted);
+        if (file.open(QIODevice::ReadOnly)) {
+            // Before the decoder reads anything: the PNG and GIF headers.
+            const QByteArray head = file.peek(32);
+            const QByteArray contentFormat = QImageReader::imageFormat(&file);
+            QImageReader reader(&file);
+            reader.setAutoTransform(true);
+            const ReadPlan plan = planReading(reader, path, file.isSequential(), head, contentFormat, size, position);
+            if (plan.bytes >= 0 && plan.bytes <= maxDecodedBytes) {
+                if (plan.scaledSize.isValid()) {
+                    // The reader's smooth downscaler, as Qt::SmoothTransformation.
+                    reader.setQuality(100);
+                    reader.setScaledSize(plan.scaledSize);
+                    if (plan.scaledClipRect.isValid()) {
+                        reader.setScaledClipRect(plan.scaledClipRect);
+                    }
+                }
+                decoded = reader.read();
+                visiblePartDelivered = plan.scaledClipRect.isValid() && decoded.size() == size;
+            }
+        }
+        if (file.cutShort()) {
+            // Whatever the decoder made of the truncated input is not the
+            // picture: never show half of it.
+            decoded = QImage();
+            if (!file.overBudget()) {
+                // No longer wanted: nothing to say, nothing to show.
+                return QPixmap();
+            }
+            overBudget = true;
+        }
+    }
+    if (overBudget) {
+        qCWarning(slideShowLog) << "ImageCacheWorker: Reading and decoding took longer than" << preparationBudget << "ms, the image is given up:" << path;
+    }
+    QPixmap loaded = QPixmap::fromImage(std::move(decoded));
+    if (loaded.isNull()) {
+        qCWarning(slideShowLog) << QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path);
+        return blackCanvas(QSize(geometry.width(), geometry.height()), devicePixelRatio);
+    }
+
+    if (visiblePartDelivered) {
+        // The reader delivered Crop's result itself. Unless the painted
+        // area falls short of the canvas (a fractional ratio), no canvas and
+        // no copy are needed.
+        const int logicalWidth = truncated(size.width() / devicePixelRatio);
+        const int logicalHeight = truncated(size.height() / devicePixelRatio);
+        if (logicalWidth * devicePixelRatio == size.width() && logicalHeight * devicePixelRatio == size.height()) {
+            loaded.setDevicePixelRatio(devicePixelRatio);
+            return loaded;
+        }
+    }
+
+    // The mode works on the pixmap loaded here: each file is decoded once.
+    switch (position) {
+    case Stretch:
+        return stretch(loaded, size);
+    case Crop:
+        return crop(loaded, size, devicePixelRatio);
+    case Tile:
+        return tile(loaded, size, devicePixelRatio);
+    case Center:
+        return center(loaded, size, devicePixelRatio);
+    }
+    qCWarning(slideShowLog) << "ImageCacheWorker: Unknown positioning mode, return to stretching for the path:" << path;
+    return stretch(loaded, size);
+}
+
+QPixmap ImageCacheWorker::stretch(const QString &path, const QSize &size) const
+{
+    return stretch(QPixmap(path), size);
+}
+
+QPixmap ImageCacheWorker::crop(const QString &path, const QSize &size, double devicePixelRatio) const
+{
+    return crop(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::tile(const QString &path, const QSize &size, double devicePixelRatio) const
+{
+    return tile(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::center(const QString &path, const QSize &size, double devicePixelRatio) const
+{
+    return center(QPixmap(path), size, devicePixelRatio);
+}
+
+QPixmap ImageCacheWorker::stretch(const QPixmap &loaded, const QSize &size) const
+{
+    // Unlike the other modes no canvas and no ratio: the result keeps the
+    // ratio of the loaded file.
+    return loaded.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+}
+
+QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
+{
+    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+    if (loaded.isNull() || canvas.isNull()) {
+        return canvas;
+    }
+
+    // Scaling the whole image to cover the target and cutting the middle out
+    // afterwards is what gives the exact pixels, but for a very thin image
+    // the intermediate is enormous (a 1 x 10000 image covering 400 x 300
+    // would take 400 x 4,000,000 pixels). Past 16 times the target's pixels
+    // the part that will be shown is cut out first and only it is scaled.
+    const QSize expanded = loaded.size().scaled(size, Qt::KeepAspectRatioByExpanding);
+    const QPixmap source = qint64(expanded.width()) * expanded.height() > 16 * qint64(size.width()) * size.height()
+        ? loaded.copy(visiblePart(loaded.size(), size))
+        : loaded;
+    const QImage image = source.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
+    const int iw = image.width();
+    const int ih = image.height();
+    const int w = size.width();
+    const int h = size.height();
+
+    QPainter painter(&canvas);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+
+    // The scaled image covers the target, so the factor is normally 1 and the
+    // source is the centred target-sized region; recomputing it absorbs the
+    // rounding of scaled().
+    double k = double(iw) / w;
+    double ch = k * h;
+    if (ch > ih) {
+        k = double(ih) / h;
+        ch = h * k;
+    }
+    const double cw = w * k;
+    const int sourceWidth = truncated(cw);
+    const int sourceHeight = truncated(ch);
+    const int dx = (iw - sourceWidth) / 2;
+    const int dy = (ih - sourceHeight) / 2;
+
+    painter.drawImage(QRectF(0, 0, truncated(w / devicePixelRatio), truncated(h / devicePixelRatio)), image, QRectF(dx, dy, sourceWidth, sourceHeight));
+    painter.end();
+    return canvas;
+}
+
+QPixmap ImageCacheWorker::tile(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
+{
+    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+
+    // Positions are logical coordinates while the bounds are the canvas's
+    // pixel size: above ratio 1 the loops run past the visible area (the
+    // painter clips) and tiles drawn at their own logical size overlap.
+    const int stepX = truncated(loaded.width() / devicePixelRatio);
+    const int stepY = truncated(loaded.height() / devicePixelRatio);
+    // A step of zero (an image smaller in pixels than the ratio, or a file
+    // that vanished since the probe) would never advance: draw nothing.
+    if (loaded.isNull() || canvas.isNull() || stepX <= 0 || stepY <= 0) {
+        return canvas;
+    }
+
+    // Converted once for all tiles.
+    const QImage image = loaded.toImage();
+    QPainter painter(&canvas);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    for (int x = 0; x < size.width(); x += stepX) {
+        for (int y = 0; y < size.height(); y += stepY) {
+            painter.drawImage(QPointF(x, y), image);
+        }
+    }
+    painter.end();
+    return canvas;
+}
+
+QPixmap ImageCacheWorker::center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
+{
+    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+    if (loaded.isNull() || canvas.isNull()) {
+        return canvas;
+    }
+
+    QPainter painter(&canvas);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    const QImage image = loaded.toImage();
+    // Negative when the image is larger than the target, so it is cut evenly
+    // on all sides.
+    const int x = truncated((double(size.width()) - image.width()) / devicePixelRatio / 2);
+    const int y = truncated((double(size.height()) - image.height()) / devicePixelRatio / 2);
+    painter.drawImage(QPointF(x, y), image);
+    painter.end();
+    return canvas;
+}
+}
+}
