@@ -21,36 +21,50 @@
 
 namespace TestUtils
 {
-std::atomic<LogRecorder *> LogRecorder::s_current{nullptr};
+namespace
+{
+// Guards which recorder is current, and so its lifetime: a message logged in
+// another thread while a recorder is destroyed either reaches it before the
+// destructor takes this lock or finds no recorder at all after it.
+std::mutex &currentRecorderMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+}
+
+LogRecorder *LogRecorder::s_current = nullptr;
 
 LogRecorder::LogRecorder()
     : m_echo(qEnvironmentVariableIsSet("ZAV_TEST_ECHO_LOG"))
 {
+    std::lock_guard<std::mutex> locker(currentRecorderMutex());
     s_current = this;
     m_previous = qInstallMessageHandler(&LogRecorder::handler);
 }
 
 LogRecorder::~LogRecorder()
 {
+    std::lock_guard<std::mutex> locker(currentRecorderMutex());
     qInstallMessageHandler(m_previous);
     s_current = nullptr;
-    // A thread that was logging as the handler went may still be appending.
-    std::lock_guard<std::mutex> locker(m_mutex);
-    m_entries.clear();
 }
 
 void LogRecorder::handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    LogRecorder *recorder = s_current;
-    if (!recorder) {
-        return;
-    }
     const QString category = QString::fromLatin1(context.category ? context.category : "default");
+    bool echo = false;
     {
+        std::lock_guard<std::mutex> current(currentRecorderMutex());
+        LogRecorder *recorder = s_current;
+        if (!recorder) {
+            return;
+        }
         std::lock_guard<std::mutex> locker(recorder->m_mutex);
         recorder->m_entries.append(LogEntry{category, type, message});
+        echo = recorder->m_echo;
     }
-    if (recorder->m_echo) {
+    if (echo) {
         std::fprintf(stderr, "[log %s %d] %s\n", qPrintable(category), int(type), qPrintable(message));
     }
     if (type == QtFatalMsg) {

@@ -15,7 +15,6 @@
 #include <QVariantMap>
 #include <QtGlobal>
 
-#include <atomic>
 #include <mutex>
 
 namespace TestUtils
@@ -59,8 +58,9 @@ private:
     QList<LogEntry> m_entries;
     QtMessageHandler m_previous = nullptr;
     bool m_echo = false;
-    // Read by whichever thread logs.
-    static std::atomic<LogRecorder *> s_current;
+    // Read by whichever thread logs; guarded, with the current recorder's
+    // lifetime, by one lock in the implementation.
+    static LogRecorder *s_current;
 };
 
 // A log line of the plug-in that streams a leading text and a settings map,
