@@ -106,8 +106,8 @@ void SlideLabel::setDir(const QString &dir)
         QStringLiteral("*.png"),
     };
     // Files only (links to files included, hidden files not), the patterns
-    // matched regardless of case; NoSort keeps the directory's own order,
-    // which is by name ignoring case.
+    // matched regardless of case; NoSort stands for the QDir's own sorting,
+    // which by default is by name ignoring case.
     QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
     // QDir takes any link for a file; keep only what is, or leads to, a
     // regular file. A link to a named pipe or a device would block the
