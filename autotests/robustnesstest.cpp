@@ -7,7 +7,7 @@
 // like a lock screen that loads the built plug-in, shows it, lets slides
 // switch, resizes it and destroys it. For every kind of input the child must
 // exit normally within childTimeoutMs, its peak memory must stay under the
-// kind's bound, and the plug-in must log what its design says for that input
+// kind's bound, and the plug-in must log what it is meant to say for that input
 // and nothing else at warning level or above.
 //
 // By default a reduced corpus runs; ZAV_ROBUSTNESS_FULL=1 adds the slow kinds
@@ -730,7 +730,7 @@ private Q_SLOTS:
             qPrintable(run.note));
 
         if (problems.isEmpty()) {
-            // The design's lines for this input, each at least once, and no
+            // The plug-in's lines for this input, each at least once, and no
             // other warning or critical line.
             for (const QString &line : qAsConst(run.expected)) {
                 if (!logged.contains(line)) {
