@@ -14,9 +14,9 @@
 // label's shutdown give up after 5000 ms.
 
 #include "imagecache/imagecacheworker.h"
+#include "pipetesthelpers.h"
 #include "slidelabel/slidelabel.h"
 #include "slideshow/slideshow.h"
-#include "pipetesthelpers.h"
 #include "testutils.h"
 
 #include <QAbstractAnimation>
@@ -42,9 +42,9 @@
 #include <unistd.h>
 
 using namespace Dm::ScreenSaver;
-using TestUtils::LogRecorder;
 using PipeTest::PipeReleaser;
 using PipeTest::SlowFeeder;
+using TestUtils::LogRecorder;
 
 namespace
 {
@@ -158,11 +158,7 @@ private:
         show.paths = writeThree(show.dir.path());
         show.host = std::make_unique<Host>(show.dir.path());
         // The first slide is shown: the worker has prepared it.
-        if (!QTest::qWaitFor(
-                [&show] {
-                    return TestUtils::fuzzyColor(show.host->centre(), red, 1);
-                },
-                slowTimeout)) {
+        if (!QTest::qWaitFor([&show] { return TestUtils::fuzzyColor(show.host->centre(), red, 1); }, slowTimeout)) {
             return false;
         }
         return QFile::remove(show.paths.at(2)) && ::mkfifo(show.pipe().constData(), 0644) == 0;

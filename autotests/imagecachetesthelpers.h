@@ -61,7 +61,7 @@ inline QString describe(const QList<TestUtils::LogEntry> &entries)
         const QList<TestUtils::LogEntry> actualEntries = (recorder).slideShowEntries();                                                                        \
         const QList<TestUtils::LogEntry> expectedEntries = __VA_ARGS__;                                                                                        \
         QVERIFY2(actualEntries == expectedEntries,                                                                                                             \
-                 qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(ImageCacheTest::describe(actualEntries), ImageCacheTest::describe(expectedEntries)))); \
+            qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(ImageCacheTest::describe(actualEntries), ImageCacheTest::describe(expectedEntries))));     \
     } while (false)
 
 inline std::mutex &handoffMutex()
@@ -104,9 +104,7 @@ public:
             std::unique_lock<std::mutex> lock(state->mutex);
             state->holding = true;
             state->changed.notify_all();
-            state->changed.wait(lock, [&state] {
-                return state->released;
-            });
+            state->changed.wait(lock, [&state] { return state->released; });
         });
     }
 
@@ -122,9 +120,7 @@ public:
     bool waitUntilHolding()
     {
         std::unique_lock<std::mutex> lock(m_state->mutex);
-        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] {
-            return m_state->holding;
-        });
+        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] { return m_state->holding; });
     }
 
     // From any thread.
@@ -185,18 +181,10 @@ public:
             worker,
             &Dm::ScreenSaver::ImageCacheWorker::imageCached,
             &receiver,
-            [this] {
-                emittingThread.store(QThread::currentThread());
-            },
+            [this] { emittingThread.store(QThread::currentThread()); },
             Qt::DirectConnection);
         QObject::connect(
-            worker,
-            &QObject::destroyed,
-            &receiver,
-            [this] {
-                destroyedIn.store(QThread::currentThread());
-            },
-            Qt::DirectConnection);
+            worker, &QObject::destroyed, &receiver, [this] { destroyedIn.store(QThread::currentThread()); }, Qt::DirectConnection);
         thread.start();
     }
 
@@ -225,11 +213,7 @@ public:
 
     bool waitForReports(int count)
     {
-        return QTest::qWaitFor(
-            [this, count] {
-                return receiver.reports.size() >= count;
-            },
-            asyncTimeout);
+        return QTest::qWaitFor([this, count] { return receiver.reports.size() >= count; }, asyncTimeout);
     }
 
     // Returns once everything queued to the worker so far has run and its
@@ -238,16 +222,8 @@ public:
     bool flush()
     {
         auto reached = std::make_shared<std::atomic<bool>>(false);
-        postTo(worker, [reached] {
-            postTo(QCoreApplication::instance(), [reached] {
-                reached->store(true);
-            });
-        });
-        return QTest::qWaitFor(
-            [reached] {
-                return reached->load();
-            },
-            asyncTimeout);
+        postTo(worker, [reached] { postTo(QCoreApplication::instance(), [reached] { reached->store(true); }); });
+        return QTest::qWaitFor([reached] { return reached->load(); }, asyncTimeout);
     }
 
     QThread thread;

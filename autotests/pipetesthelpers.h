@@ -46,9 +46,7 @@ public:
     explicit PipeReleaser(const QByteArray &pipe, int autoReleaseMs = -1, int heldWriter = -1, QThread *readerThread = nullptr)
         : m_readerThread(readerThread)
         , m_heldWriter(heldWriter)
-        , m_thread([this, pipe, autoReleaseMs] {
-            run(pipe, autoReleaseMs);
-        })
+        , m_thread([this, pipe, autoReleaseMs] { run(pipe, autoReleaseMs); })
     {
     }
 
@@ -117,9 +115,7 @@ class SlowFeeder
 {
 public:
     SlowFeeder(const QByteArray &pipe, const QByteArray &data, int pieces, int intervalMs)
-        : m_thread([this, pipe, data, pieces, intervalMs] {
-            run(pipe, data, pieces, intervalMs);
-        })
+        : m_thread([this, pipe, data, pieces, intervalMs] { run(pipe, data, pieces, intervalMs); })
     {
     }
 

@@ -507,47 +507,47 @@ QList<Kind> kinds()
         };
     };
     add(list, "mono-png-at-the-old-pixel-limit", refused(QStringLiteral("mono.png"), [](const QString &dir) {
-            // 11585 x 11585 = 134,212,225 pixels: 537 MB decoded.
-            QImage image(11585, 11585, QImage::Format_Mono);
-            image.fill(0);
-            const QString path = QDir(dir).filePath(QStringLiteral("mono.png"));
-            return image.save(path) ? path : QString();
-        }));
+        // 11585 x 11585 = 134,212,225 pixels: 537 MB decoded.
+        QImage image(11585, 11585, QImage::Format_Mono);
+        image.fill(0);
+        const QString path = QDir(dir).filePath(QStringLiteral("mono.png"));
+        return image.save(path) ? path : QString();
+    }));
     add(list, "png-rgba-9000x9000", refused(QStringLiteral("rgba.png"), [](const QString &dir) {
-            return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 9000, 9000, 8, 6);
-        }));
+        return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 9000, 9000, 8, 6);
+    }));
     add(list, "png-rgba-8192x8192-at-the-new-limit", shown([](const QString &dir) {
-            return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 8192, 8192, 8, 6);
-        }));
+        return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 8192, 8192, 8, 6);
+    }));
     add(list, "png-16-bit-rgba-at-the-old-pixel-limit", refused(QStringLiteral("deep.png"), [](const QString &dir) {
-            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 11585, 11585, 16, 6);
-        }));
+        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 11585, 11585, 16, 6);
+    }));
     // Sixteen bits a channel count 16 bytes a pixel: decoded at 8, converted
     // to 4, scaled.
     add(list, "png-16-bit-rgba-4200x4200-over-the-new-limit", refused(QStringLiteral("deep.png"), [](const QString &dir) {
-            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4200, 4200, 16, 6);
-        }));
+        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4200, 4200, 16, 6);
+    }));
     add(list, "png-16-bit-rgba-4096x4096-at-the-new-limit", shown([](const QString &dir) {
-            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4096, 4096, 16, 6);
-        }));
+        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4096, 4096, 16, 6);
+    }));
     add(list, "jpeg-baseline-11584x11584-at-the-old-pixel-limit", shown([](const QString &dir) {
-            return TestUtils::writeFlatJpeg(dir, QStringLiteral("flat.jpg"), 11584, 11584, false);
-        }));
+        return TestUtils::writeFlatJpeg(dir, QStringLiteral("flat.jpg"), 11584, 11584, false);
+    }));
     add(list, "jpeg-baseline-panorama-30000x20000", shown([](const QString &dir) {
-            return TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
-        }));
+        return TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
+    }));
     add(list, "jpeg-progressive-11584x11584-at-the-old-pixel-limit", refused(QStringLiteral("progressive.jpg"), [](const QString &dir) {
-            return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true);
-        }));
+        return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true);
+    }));
     add(list, "jpeg-progressive-11264x11264-under-the-new-limit", shown([](const QString &dir) {
-            return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11264, 11264, true);
-        }));
+        return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11264, 11264, true);
+    }));
     add(list, "bmp-rle8-11585x11585-at-the-old-pixel-limit", refused(QStringLiteral("rle.bmp"), [](const QString &dir) {
-            return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585);
-        }));
+        return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585);
+    }));
     add(list, "bmp-rle8-8192x8192-at-the-new-limit", shown([](const QString &dir) {
-            return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 8192, 8192);
-        }));
+        return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 8192, 8192);
+    }));
     if (QImageReader::supportedImageFormats().contains("svg")) {
         const auto svg = [](const QString &dir, int size) {
             // Named like a PNG: the reader goes by the content.
@@ -558,9 +558,7 @@ QList<Kind> kinds()
             return writeBytes(path, document) ? path : QString();
         };
         // Cropped, it is rendered at the size shown.
-        add(list, "svg-11585x11585-named-png-cropped", shown([svg](const QString &dir) {
-                return svg(dir, 11585);
-            }));
+        add(list, "svg-11585x11585-named-png-cropped", shown([svg](const QString &dir) { return svg(dir, 11585); }));
         // Centred, it would be rendered at its own size.
         add(list, "svg-11585x11585-named-png-centred", [svg](Run &run) {
             const QString path = svg(run.dir, 11585);

@@ -15,9 +15,9 @@
 #include <QFile>
 #include <QGuiApplication>
 #include <QImage>
+#include <QLoggingCategory>
 #include <QPainter>
 #include <QPixmap>
-#include <QLoggingCategory>
 #include <QTemporaryDir>
 
 #include <cstdint>

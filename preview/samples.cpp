@@ -39,8 +39,7 @@ QImage landscape()
     painter.drawEllipse(QPointF(1700, 520), 180, 180);
     painter.setBrush(QColor(40, 70, 50));
     QPolygonF hills;
-    hills << QPointF(0, 1350) << QPointF(0, 900) << QPointF(500, 760) << QPointF(1100, 980) << QPointF(1700, 820) << QPointF(2400, 1000)
-          << QPointF(2400, 1350);
+    hills << QPointF(0, 1350) << QPointF(0, 900) << QPointF(500, 760) << QPointF(1100, 980) << QPointF(1700, 820) << QPointF(2400, 1000) << QPointF(2400, 1350);
     painter.drawPolygon(hills);
     return image;
 }

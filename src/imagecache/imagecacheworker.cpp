@@ -133,13 +133,13 @@ bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geo
     }
     qCDebug(slideShowLog) << "ImageCacheWorker: setting a request for image processing in the queue for:" << key;
     QMetaObject::invokeMethod(this,
-                              "processImageInternal",
-                              Qt::QueuedConnection,
-                              Q_ARG(QString, path),
-                              Q_ARG(QRect, geometry),
-                              Q_ARG(qreal, devicePixelRatio),
-                              Q_ARG(int, position),
-                              Q_ARG(quint64, requestGeneration));
+        "processImageInternal",
+        Qt::QueuedConnection,
+        Q_ARG(QString, path),
+        Q_ARG(QRect, geometry),
+        Q_ARG(qreal, devicePixelRatio),
+        Q_ARG(int, position),
+        Q_ARG(quint64, requestGeneration));
     return true;
 }
 
@@ -182,9 +182,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
 
     // No lock while the file is read, decoded and scaled. The reading ends
     // early once a clearing has made this request outdated.
-    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] {
-        return generation.load() != requestGeneration;
-    });
+    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] { return generation.load() != requestGeneration; });
 
     bool stillWanted = false;
     QStringList evicted;
