@@ -25,7 +25,9 @@ namespace Dm
 {
 namespace ScreenSaver
 {
-struct SlideShowPrivate {
+class SlideShow::Private
+{
+public:
     // No Qt parent: it belongs to this record and goes with it.
     QTimer timer;
     QVariantAnimation *animation = nullptr;
@@ -48,7 +50,7 @@ int intervalMilliseconds(int seconds)
 
 SlideShow::SlideShow(QWidget *parent)
     : AbstractScreenSaver(parent)
-    , d(new SlideShowPrivate)
+    , d(new Private)
 {
     auto *layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -86,11 +88,10 @@ SlideShow::SlideShow(QWidget *parent)
 
 SlideShow::~SlideShow()
 {
-    // The dialog first, then the record; the children (label, effects,
-    // animation) go with the QWidget base afterwards.
+    // The dialog first; then the record, a member; the children (label,
+    // effects, animation) go with the QWidget base afterwards.
     delete d->settingWidget;
     d->settingWidget = nullptr;
-    d.reset();
 }
 
 void SlideShow::start()

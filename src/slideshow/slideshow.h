@@ -20,7 +20,6 @@ namespace Dm
 namespace ScreenSaver
 {
 class SlideLabel;
-struct SlideShowPrivate;
 
 // The screensaver widget a host receives: one SlideLabel filling it, a
 // single-shot timer that switches to the next slide and an animation that
@@ -60,7 +59,10 @@ public:
     using AbstractScreenSaver::setProperty;
 
 private:
-    std::unique_ptr<SlideShowPrivate> d;
+    class Private;
+    // Destroyed after the destructor's body (which deletes the dialog) and
+    // before the QWidget base deletes the children.
+    const std::unique_ptr<Private> d;
 };
 }
 }
