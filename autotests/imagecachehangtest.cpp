@@ -217,10 +217,12 @@ private Q_SLOTS:
         QVERIFY(fixture.request(path, screen));
         QVERIFY(QTest::qWaitFor([&fixture] { return fixture.receiver.reports.size() >= 1; }, 120000));
         const qint64 elapsed = timer.elapsed();
-        // The budget is 10 s; what follows it (the decoder finishing on the
-        // truncated input) is short, but slow in the sanitizer builds.
+        // The budget is 10 s of the worker's processor time, so at least as
+        // long on the clock; what follows it (the decoder finishing on the
+        // truncated input) is short. The bound leaves room for a loaded
+        // machine; a full decode takes over two minutes.
         QVERIFY2(elapsed >= ImageCacheWorker::preparationBudget - 100, qPrintable(QString::number(elapsed)));
-        QVERIFY2(elapsed < 40000, qPrintable(QString::number(elapsed)));
+        QVERIFY2(elapsed < 60000, qPrintable(QString::number(elapsed)));
 
         // An unreadable file: a black slide with the load warning, never the
         // half-decoded picture.
@@ -231,7 +233,9 @@ private Q_SLOTS:
         QCOMPARE(shown.pixel(10, 10), qRgb(0, 0, 0));
         QCOMPARE(shown.pixel(150, 100), qRgb(0, 0, 0));
         QCOMPARE(recorder.texts(QtWarningMsg),
-            (QStringList{QStringLiteral("ImageCacheWorker: Reading and decoding took longer than 10000 ms, the image is given up: ") + quoted(path),
+            (QStringList{
+                QStringLiteral("ImageCacheWorker: Reading and decoding took more than 10000 ms of processor time or 60000 ms in all, the image is given up: ")
+                    + quoted(path),
                 TestUtils::loadWarning(path)}));
         recording.reset();
         qInfo("the preparation ended after %lld ms", elapsed);

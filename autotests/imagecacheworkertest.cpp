@@ -111,6 +111,7 @@ private Q_SLOTS:
     {
         QCOMPARE(ImageCacheWorker::maxCacheSize, 10);
         QCOMPARE(ImageCacheWorker::preparationBudget, 10000);
+        QCOMPARE(ImageCacheWorker::preparationTimeLimit, 60000);
     }
 
     void freshWorkerIsIdle()

@@ -43,8 +43,9 @@ namespace ScreenSaver
 //   running when a clearing came is neither stored nor reported.
 // - A preparation reads its file through a device of the worker's own that
 //   ends the input as soon as the preparation is no longer wanted (its
-//   generation is outdated, or stopPreparing was called) or has run for
-//   preparationBudget milliseconds, so that the decoder finishes at once.
+//   generation is outdated, or stopPreparing was called) or has used up its
+//   time (preparationBudget, preparationTimeLimit), so that the decoder
+//   finishes at once.
 //   Only a read blocked inside the kernel (a pipe without a writer, a dead
 //   network share) cannot be cut short; it holds the worker's thread, never
 //   the caller.
@@ -61,8 +62,13 @@ public:
     static constexpr int maxCacheSize = 10;
     // How long one image may be read and decoded before it counts as
     // unreadable: a file that would take minutes (a crafted progressive JPEG)
-    // costs at most this much of the worker's time.
+    // costs at most this much of the worker's processor time. Processor
+    // time, not time on the clock: the worker runs at idle priority, and a
+    // busy machine must not turn a large photo into a black slide. A file
+    // that arrives so slowly that it uses no processor time is given up after
+    // preparationTimeLimit on the clock.
     static constexpr int preparationBudget = 10000;
+    static constexpr int preparationTimeLimit = 60000;
 
     // What the containers hold at one moment, for diagnostics and tests.
     struct Snapshot {

@@ -22,6 +22,7 @@
 #include <QRectF>
 
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <utility>
 
@@ -84,6 +85,7 @@ public:
     PreparationFile(const QString &path, std::function<bool()> unwanted)
         : QFile(path)
         , m_unwanted(std::move(unwanted))
+        , m_startCpuMs(threadCpuMs())
     {
         m_timer.start();
     }
@@ -128,7 +130,7 @@ private:
         if (!cutShort()) {
             if (m_unwanted && m_unwanted()) {
                 m_unwantedSeen = true;
-            } else if (m_timer.hasExpired(ImageCacheWorker::preparationBudget)) {
+            } else if (threadCpuMs() - m_startCpuMs > ImageCacheWorker::preparationBudget || m_timer.hasExpired(ImageCacheWorker::preparationTimeLimit)) {
                 m_overBudget = true;
             }
         }
@@ -136,6 +138,15 @@ private:
     }
 
     const std::function<bool()> m_unwanted;
+    // The processor time of the calling thread, in milliseconds.
+    static qint64 threadCpuMs()
+    {
+        timespec now{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    }
+
+    const qint64 m_startCpuMs;
     QElapsedTimer m_timer;
     bool m_unwantedSeen = false;
     bool m_overBudget = false;
@@ -384,7 +395,8 @@ QPixmap ImageCacheWorker::prepareImage(
         }
     }
     if (overBudget) {
-        qCWarning(slideShowLog) << "ImageCacheWorker: Reading and decoding took longer than" << preparationBudget << "ms, the image is given up:" << path;
+        qCWarning(slideShowLog) << "ImageCacheWorker: Reading and decoding took more than" << preparationBudget << "ms of processor time or"
+                                << preparationTimeLimit << "ms in all, the image is given up:" << path;
     }
     QPixmap loaded = QPixmap::fromImage(std::move(decoded));
     if (loaded.isNull()) {
