@@ -67,16 +67,16 @@ private Q_SLOTS:
 
     void loggingCategoryName()
     {
-        QCOMPARE(QByteArray(slideShowLog.categoryName()), QByteArray("zav-tev.screensaver.slideshow"));
+        QCOMPARE(QByteArray(slideShowLog().categoryName()), QByteArray("zav-tev.screensaver.slideshow"));
     }
 
     void debugIsOffByDefaultWarningsAndCriticalsAreOn()
     {
         TestUtils::setSlideShowDebugEnabled(false);
-        QVERIFY(!slideShowLog.isDebugEnabled());
-        QVERIFY(slideShowLog.isInfoEnabled());
-        QVERIFY(slideShowLog.isWarningEnabled());
-        QVERIFY(slideShowLog.isCriticalEnabled());
+        QVERIFY(!slideShowLog().isDebugEnabled());
+        QVERIFY(slideShowLog().isInfoEnabled());
+        QVERIFY(slideShowLog().isWarningEnabled());
+        QVERIFY(slideShowLog().isCriticalEnabled());
 
         LogRecorder recorder;
         qCDebug(slideShowLog) << "SlideShowConstantsTest: debug";
@@ -93,7 +93,7 @@ private Q_SLOTS:
     void loggingRulesTurnDebugOn()
     {
         TestUtils::setSlideShowDebugEnabled(true);
-        QVERIFY(slideShowLog.isDebugEnabled());
+        QVERIFY(slideShowLog().isDebugEnabled());
 
         LogRecorder recorder;
         qCDebug(slideShowLog) << "SlideShowConstantsTest: debug";
