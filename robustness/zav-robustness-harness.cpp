@@ -301,8 +301,10 @@ int main(int argc, char **argv)
     ++paints;
     runUntil(switches + 1);
     screenSaver->stop();
-    // Until the worker has finished with every request (or the same wait is
-    // over), so that what it says about the files is in the report.
+    // Until the worker has finished with every request, so that what it says
+    // about the files is in the report. Its thread runs at idle priority and
+    // may get next to nothing of a busy machine for a while; a minute is
+    // enough for any preparation to end by its own budget.
     {
         QElapsedTimer waited;
         waited.start();
@@ -310,7 +312,7 @@ int main(int argc, char **argv)
             std::lock_guard<std::mutex> locker(logMutex);
             return requestsFinished < requestsQueued;
         };
-        while (busy() && waited.elapsed() < waitMs) {
+        while (busy() && waited.elapsed() < qMax(waitMs, 60000)) {
             QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
         }
     }
