@@ -10,6 +10,7 @@
 
 #include "host/screensaverinterface.h"
 #include "previewoptions.h"
+#include "screensaverplugin.h"
 
 #include <QApplication>
 #include <QDir>
@@ -18,7 +19,6 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QJsonObject>
-#include <QLibrary>
 #include <QPalette>
 #include <QPluginLoader>
 #include <QScreen>
@@ -33,11 +33,6 @@
 
 namespace
 {
-struct PluginFile {
-    QString name;
-    QString path;
-};
-
 int fail(const QString &message, int code = 1)
 {
     std::fprintf(stderr, "zav-screensaver-preview: %s\n", qUtf8Printable(message));
@@ -60,21 +55,6 @@ QStringList pluginSearchDirs(const PreviewOptions &options)
         }
     }
     return {QStringLiteral(ZAV_INSTALLED_PLUGIN_DIR)};
-}
-
-QList<PluginFile> discoverPlugins(const QStringList &dirs)
-{
-    QList<PluginFile> found;
-    for (const QString &dir : dirs) {
-        const QFileInfoList files = QDir(dir).entryInfoList(QDir::Files, QDir::Name);
-        for (const QFileInfo &file : files) {
-            const QRegularExpressionMatch match = pluginFileNameRegExp.match(file.fileName());
-            if (match.hasMatch() && QLibrary::isLibrary(file.fileName())) {
-                found.append(PluginFile{match.captured(1), file.absoluteFilePath()});
-            }
-        }
-    }
-    return found;
 }
 
 // Stops the screensaver and quits on any key or mouse button, like a
@@ -192,13 +172,13 @@ int main(int argc, char **argv)
     }
 
     const QStringList dirs = pluginSearchDirs(options);
-    const QList<PluginFile> plugins = discoverPlugins(dirs);
+    const QList<ScreenSaverPluginFile> plugins = discoverScreenSaverPlugins(dirs);
     if (plugins.isEmpty()) {
         return fail(QStringLiteral("no screensaver plug-in found in %1").arg(dirs.join(QStringLiteral(", "))));
     }
     if (options.list) {
         QTextStream out(stdout);
-        for (const PluginFile &plugin : plugins) {
+        for (const ScreenSaverPluginFile &plugin : plugins) {
             const QJsonObject metaData = QPluginLoader(plugin.path).metaData();
             out << plugin.name << '\t' << plugin.path << "\tIID " << metaData.value(QStringLiteral("IID")).toString() << "\tclass "
                 << metaData.value(QStringLiteral("className")).toString() << '\n';
@@ -207,7 +187,7 @@ int main(int argc, char **argv)
     }
 
     QString path;
-    for (const PluginFile &plugin : plugins) {
+    for (const ScreenSaverPluginFile &plugin : plugins) {
         if (plugin.name == options.plugin) {
             path = plugin.path;
             break;
@@ -218,21 +198,9 @@ int main(int argc, char **argv)
     }
 
     QPluginLoader loader(path);
-    const QJsonObject metaData = loader.metaData();
-    if (metaData.isEmpty()) {
-        return fail(QStringLiteral("%1 is not a Qt plug-in: %2").arg(path, loader.errorString()));
-    }
-    const QString iid = metaData.value(QStringLiteral("IID")).toString();
-    if (iid != QLatin1String(AbstractPluginScreenSaverLoader_iid)) {
-        return fail(QStringLiteral("%1 has the interface \"%2\", not \"%3\"").arg(path, iid, QLatin1String(AbstractPluginScreenSaverLoader_iid)));
-    }
-    QObject *root = loader.instance();
-    if (!root) {
-        return fail(QStringLiteral("cannot load %1: %2").arg(path, loader.errorString()));
-    }
-    auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(root);
+    AbstractPluginScreenSaverLoader *factory = loadScreenSaverFactory(loader, &error);
     if (!factory) {
-        return fail(QStringLiteral("%1 does not provide a screensaver factory").arg(path));
+        return fail(error);
     }
 
     QWidget window;

@@ -22,6 +22,7 @@
 // Anything else Qt says goes to standard error as usual.
 
 #include "host/screensaverinterface.h"
+#include "screensaverplugin.h"
 
 #include <QAbstractAnimation>
 #include <QApplication>
@@ -238,13 +239,10 @@ int main(int argc, char **argv)
     const QString pluginPath = QDir(parser.value(pluginDirOption)).filePath(pluginFileNameTemplate.arg(QStringLiteral("slideshow")));
     // Like a lock screen, the host keeps the library loaded until it exits.
     QPluginLoader loader(pluginPath);
-    QObject *root = loader.instance();
-    if (!root) {
-        return fail(QStringLiteral("cannot load %1: %2").arg(pluginPath, loader.errorString()));
-    }
-    auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(root);
+    QString error;
+    AbstractPluginScreenSaverLoader *factory = loadScreenSaverFactory(loader, &error);
     if (!factory) {
-        return fail(QStringLiteral("%1 is not a screensaver plug-in").arg(pluginPath));
+        return fail(error);
     }
 
     auto *window = new QWidget;
