@@ -12,7 +12,7 @@ seconds=${1:-60}
 
 ZAV_EXTRA_PACKAGES="clang-14 libclang-rt-14-dev" bash scripts/install-packages.sh
 
-cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DZAV_FUZZ=ON -DZAV_SANITIZERS=address,undefined -DZAV_BUILD_TESTING=OFF >/dev/null
+cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++-14 -DZAV_FUZZ=ON -DZAV_SANITIZERS=address,undefined -DBUILD_TESTING=OFF >/dev/null
 cmake --build build-fuzz --target cachedimagefuzzer -j2
 mkdir -p build-fuzz/corpus build-fuzz/artifacts
 
