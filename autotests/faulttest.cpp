@@ -173,7 +173,8 @@ private:
         timer.start();
         host.reset();
         *destroying = timer.elapsed();
-        if (*destroying >= 3000) {
+        // Reaching the label's 5000 ms would mean waiting for the worker.
+        if (*destroying >= 4500) {
             return QStringLiteral("destroyed in %1 ms").arg(*destroying);
         }
         if (recorder.count(shutdownWarning) != 0) {
@@ -367,20 +368,11 @@ private Q_SLOTS:
         QPointer<ImageCacheWorker> worker = host->label()->worker();
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(m_largeImage)) >= 1, slowTimeout);
 
-        QElapsedTimer timer;
-        timer.start();
-        host.reset();
-        const qint64 elapsed = timer.elapsed();
-        // The label waits for the thread at most 5000 ms; a little more for
-        // the rest of the destruction on a loaded machine.
-        QVERIFY2(elapsed < 6000, qPrintable(QString::number(elapsed)));
-        if (elapsed >= 5000) {
-            // The image took longer (a sanitizer build): the thread was
-            // abandoned with the warning and ends on its own.
-            QCOMPARE(recorder.count(shutdownWarning), 1);
-        } else {
-            QCOMPARE(recorder.count(shutdownWarning), 0);
-        }
+        // The decoding ends at the next read of the file: the label's
+        // shutdown does not reach its time-out.
+        qint64 elapsed = 0;
+        const QString problem = destroyedQuickly(host, recorder, worker, &elapsed);
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
         // Either way the worker is deleted in its thread in the end.
         QTRY_VERIFY_WITH_TIMEOUT(worker.isNull(), 120000);
         // Said after the recorder, which would keep it.
@@ -409,8 +401,9 @@ private Q_SLOTS:
         host.reset();
         const qint64 elapsed = timer.elapsed();
         // The label's shutdown gives up after 5000 ms and abandons the
-        // thread with a warning; destruction goes on.
-        QVERIFY2(elapsed >= 4900 && elapsed < 6000, qPrintable(QString::number(elapsed)));
+        // thread with a warning; destruction goes on (the upper bound only
+        // says that it does not wait for the hang).
+        QVERIFY2(elapsed >= 4900 && elapsed < 15000, qPrintable(QString::number(elapsed)));
         QCOMPARE(recorder.count(shutdownWarning), 1);
 
         // Released, the worker's read ends, and with it the preparation
@@ -454,8 +447,10 @@ private Q_SLOTS:
         host->refill();
         const qint64 resize = timer.elapsed();
         QVERIFY(!releaser.released());
-        QVERIFY2(settings < 1000, qPrintable(QString::number(settings)));
-        QVERIFY2(resize < 1000, qPrintable(QString::number(resize)));
+        // Within seconds, where waiting for the worker would take until the
+        // release: a wide margin for loaded machines and sanitizer builds.
+        QVERIFY2(settings < 5000, qPrintable(QString::number(settings)));
+        QVERIFY2(resize < 5000, qPrintable(QString::number(resize)));
         QCOMPARE(host->label()->files().size(), 2);
 
         // Once the hang ends, the show goes on with the new directory in

@@ -127,7 +127,9 @@ private Q_SLOTS:
         const qint64 clearing = timer.elapsed();
         // Returned while the worker is still in its read.
         QVERIFY(!hold.released());
-        QVERIFY2(clearing < 1000, qPrintable(QString::number(clearing)));
+        // The state above is the proof; the bound, far below the hold's 20 s,
+        // only keeps a slow return from passing unseen.
+        QVERIFY2(clearing < 5000, qPrintable(QString::number(clearing)));
         ImageCacheWorker::Snapshot snapshot = worker->snapshot();
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
@@ -138,7 +140,7 @@ private Q_SLOTS:
         timer.restart();
         QVERIFY(fixture.request(m_second, screen));
         QVERIFY(worker->getCachedImage(m_second, screen, 1.0, Crop).isNull());
-        QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed())));
         QVERIFY(!hold.released());
         QCOMPARE(worker->snapshot().pendingRequests, QSet<QString>{m_second + QStringLiteral("|300x200")});
         QCOMPARE(fixture.receiver.reports.size(), 1);
@@ -193,7 +195,7 @@ private Q_SLOTS:
         const qint64 afterClearing = feeder.readerLeftAt() - clearedAt;
         // The file would have taken 10 s; the reader left within a second or
         // so of the clearing (a wide margin for loaded machines).
-        QVERIFY2(afterClearing < 3000, qPrintable(QString::number(afterClearing)));
+        QVERIFY2(afterClearing < 5000, qPrintable(QString::number(afterClearing)));
         QVERIFY(fixture.flush());
         QVERIFY(fixture.receiver.reports.isEmpty());
         QVERIFY(worker->snapshot().cachedPaths.isEmpty());

@@ -107,13 +107,6 @@ private Q_SLOTS:
         TestUtils::setSlideShowDebugEnabled(false);
     }
 
-    void constantsAreTenEntriesAndATenSecondBudget()
-    {
-        QCOMPARE(ImageCacheWorker::maxCacheSize, 10);
-        QCOMPARE(ImageCacheWorker::preparationBudget, 10000);
-        QCOMPARE(ImageCacheWorker::preparationTimeLimit, 60000);
-    }
-
     void freshWorkerIsIdle()
     {
         ImageCacheWorker worker(nullptr);
