@@ -99,7 +99,8 @@ public:
     // evicted one again, so it keeps only the previous, current and next
     // slide. Entries beyond the new bound are evicted at once, oldest first.
     void setCacheCapacity(int entries);
-    // Prepares the image in the calling thread.
+    // Prepares the image in the calling thread. Kept on purpose as part of
+    // the worker's interface, though nothing in the plug-in calls it.
     QPixmap processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
     // The cached pixmap for path if its pixel size is the geometry's size,
     // else a null pixmap. Never waits for an image being prepared.

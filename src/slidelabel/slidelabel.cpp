@@ -33,6 +33,8 @@ SlideLabel::SlideLabel(QWidget *parent)
     cacheWorker = new ImageCacheWorker(nullptr);
     cacheWorker->moveToThread(cacheThread);
     connect(cacheThread, &QThread::finished, cacheWorker, &QObject::deleteLater);
+    // Kept on purpose, though it never fires in time: the destructor stops
+    // the thread itself before the label emits destroyed.
     connect(this, &QObject::destroyed, cacheThread, &QThread::quit);
     connect(cacheWorker, &ImageCacheWorker::imageCached, this, &SlideLabel::handleImageCached);
     // Only takes effect for a thread abandoned by the destructor: a thread

@@ -59,8 +59,8 @@ SlideShow::SlideShow(QWidget *parent)
     d->label = new SlideLabel(this);
     layout->addWidget(d->label, 0);
 
-    // Two drop shadows are made and configured but installed nowhere; they
-    // stay idle children of the screensaver.
+    // Kept on purpose, without a visible effect: two drop shadows made and
+    // configured but installed nowhere, idle children of the screensaver.
     for (int i = 0; i < 2; ++i) {
         auto *shadow = new QGraphicsDropShadowEffect(this);
         shadow->setBlurRadius(8.0);
