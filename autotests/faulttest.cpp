@@ -16,7 +16,9 @@
 #include "imagecache/imagecacheworker.h"
 #include "pipetesthelpers.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 #include "testutils.h"
 
 #include <QAbstractAnimation>
@@ -70,7 +72,7 @@ struct Host {
         show = new SlideShow(&window);
         layout->addWidget(show);
         window.resize(320, 240);
-        QObject::connect(show->fadeAnimation(), &QAbstractAnimation::stateChanged, &window, [this](QAbstractAnimation::State state) {
+        QObject::connect(inspect(show).fadeAnimation(), &QAbstractAnimation::stateChanged, &window, [this](QAbstractAnimation::State state) {
             if (state == QAbstractAnimation::Running) {
                 ++switches;
             }
@@ -84,7 +86,7 @@ struct Host {
 
     SlideLabel *label() const
     {
-        return show->slideLabel();
+        return inspect(show).slideLabel();
     }
 
     QRgb centre()
@@ -97,11 +99,11 @@ struct Host {
     // fade, so that only that slide is visible.
     bool showSlide(const QString &path)
     {
-        for (int i = 0; i <= label()->files().size() && label()->currentImage() != path; ++i) {
+        for (int i = 0; i <= inspect(label()).files().size() && inspect(label()).currentImage() != path; ++i) {
             label()->setNext();
         }
         label()->setOpacity(1.0);
-        return label()->currentImage() == path;
+        return inspect(label()).currentImage() == path;
     }
 
     // A resize empties the worker's cache and asks again for the visible
@@ -310,7 +312,7 @@ private Q_SLOTS:
         host.refill();
         before = host.switches;
         QTRY_VERIFY_WITH_TIMEOUT(host.switches >= before + 5, slowTimeout);
-        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(loadWarning(host.label()->currentImage())) >= 1, slowTimeout);
+        QTRY_VERIFY_WITH_TIMEOUT(recorder.count(loadWarning(inspect(host.label()).currentImage())) >= 1, slowTimeout);
 
         // Made again with the same names and new colours: the list still
         // holds the names, so the next reads find the new files.
@@ -331,11 +333,11 @@ private Q_SLOTS:
         host.show->setProperty(host.show->property());
         QCOMPARE(
             recorder.count(quoted(QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dirPath))), 1);
-        QVERIFY(host.label()->files().isEmpty());
+        QVERIFY(inspect(host.label()).files().isEmpty());
         QVERIFY(QDir().mkpath(dirPath));
         TestUtils::writeSolidImage(dirPath, QStringLiteral("z.png"), QSize(64, 48), green);
         host.show->setProperty(host.show->property());
-        QCOMPARE(host.label()->files(), QStringList{QDir(dirPath).filePath(QStringLiteral("z.png"))});
+        QCOMPARE(inspect(host.label()).files(), QStringList{QDir(dirPath).filePath(QStringLiteral("z.png"))});
         QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), green, 1), slowTimeout);
         QCOMPARE(recorder.count(shutdownWarning), 0);
     }
@@ -365,7 +367,7 @@ private Q_SLOTS:
         auto recording = std::make_unique<LogRecorder>();
         LogRecorder &recorder = *recording;
         auto host = std::make_unique<Host>(m_large.path());
-        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QPointer<ImageCacheWorker> worker = inspect(host->label()).worker();
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(m_largeImage)) >= 1, slowTimeout);
 
         // The decoding ends at the next read of the file: the label's
@@ -390,7 +392,7 @@ private Q_SLOTS:
         auto &host = show.host;
         // The worker waits in open() for a writer.
         PipeReleaser releaser(show.pipe());
-        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QPointer<ImageCacheWorker> worker = inspect(host->label()).worker();
         host->label()->setNext();
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(paths.at(2))) >= 1, slowTimeout);
 
@@ -432,7 +434,7 @@ private Q_SLOTS:
         // The pipe is released by the test below, or after 15 s on its own:
         // a GUI thread that waited for the worker would find it released.
         PipeReleaser releaser(show.pipe(), 15000);
-        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QPointer<ImageCacheWorker> worker = inspect(host->label()).worker();
         host->label()->setNext();
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(paths.at(2))) >= 1, slowTimeout);
 
@@ -451,7 +453,7 @@ private Q_SLOTS:
         // release: a wide margin for loaded machines and sanitizer builds.
         QVERIFY2(settings < 5000, qPrintable(QString::number(settings)));
         QVERIFY2(resize < 5000, qPrintable(QString::number(resize)));
-        QCOMPARE(host->label()->files().size(), 2);
+        QCOMPARE(inspect(host->label()).files().size(), 2);
 
         // Once the hang ends, the show goes on with the new directory in
         // the new mode: the small yellow slide centred on black.
@@ -481,7 +483,7 @@ private Q_SLOTS:
         auto &host = show.host;
         // The pipe delivers a picture over 10 s.
         SlowFeeder feeder(show.pipe(), PipeTest::noisyPng(QSize(400, 300)), 100, 100);
-        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QPointer<ImageCacheWorker> worker = inspect(host->label()).worker();
         host->label()->setNext();
         QTRY_VERIFY_WITH_TIMEOUT(feeder.started(), slowTimeout);
 
@@ -504,7 +506,7 @@ private Q_SLOTS:
         auto recording = std::make_unique<LogRecorder>();
         LogRecorder &recorder = *recording;
         auto host = std::make_unique<Host>(dir.path());
-        QPointer<ImageCacheWorker> worker = host->label()->worker();
+        QPointer<ImageCacheWorker> worker = inspect(host->label()).worker();
         QTRY_VERIFY_WITH_TIMEOUT(recorder.count(QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(path)) >= 1, slowTimeout);
         // Well into the decoding.
         QTest::qWait(500);

@@ -13,6 +13,7 @@
 // worker that does wait makes the test fail instead of hang).
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "imagecachetesthelpers.h"
 #include "pipetesthelpers.h"
 #include "testutils.h"
@@ -130,7 +131,7 @@ private Q_SLOTS:
         // The state above is the proof; the bound, far below the hold's 20 s,
         // only keeps a slow return from passing unseen.
         QVERIFY2(clearing < 5000, qPrintable(QString::number(clearing)));
-        ImageCacheWorker::Snapshot snapshot = worker->snapshot();
+        WorkerSnapshot snapshot = snapshotOf(worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -142,7 +143,7 @@ private Q_SLOTS:
         QVERIFY(worker->getCachedImage(m_second, screen, 1.0, Crop).isNull());
         QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed())));
         QVERIFY(!hold.released());
-        QCOMPARE(worker->snapshot().pendingRequests, QSet<QString>{m_second + QStringLiteral("|300x200")});
+        QCOMPARE(snapshotOf(worker).pendingRequests, QSet<QString>{m_second + QStringLiteral("|300x200")});
         QCOMPARE(fixture.receiver.reports.size(), 1);
 
         hold.release();
@@ -152,7 +153,7 @@ private Q_SLOTS:
         // ended without a word but the line that drops it.
         QCOMPARE(fixture.receiver.reports.size(), 2);
         QCOMPARE(fixture.receiver.reports.at(1).path, m_second);
-        snapshot = worker->snapshot();
+        snapshot = snapshotOf(worker);
         QCOMPARE(snapshot.cachedPaths, QStringList{m_second});
         QVERIFY(snapshot.pendingRequests.isEmpty());
         COMPARE_LOG(recorder,
@@ -198,7 +199,7 @@ private Q_SLOTS:
         QVERIFY2(afterClearing < 5000, qPrintable(QString::number(afterClearing)));
         QVERIFY(fixture.flush());
         QVERIFY(fixture.receiver.reports.isEmpty());
-        QVERIFY(worker->snapshot().cachedPaths.isEmpty());
+        QVERIFY(snapshotOf(worker).cachedPaths.isEmpty());
         QCOMPARE(recorder.count(droppedLine(pipe)), 1);
         QVERIFY(recorder.texts(QtWarningMsg).isEmpty());
         recording.reset();

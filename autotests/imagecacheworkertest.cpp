@@ -4,6 +4,7 @@
 */
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "imagecachetesthelpers.h"
 #include "testutils.h"
 
@@ -110,7 +111,7 @@ private Q_SLOTS:
     void freshWorkerIsIdle()
     {
         ImageCacheWorker worker(nullptr);
-        const ImageCacheWorker::Snapshot snapshot = worker.snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -201,8 +202,8 @@ private Q_SLOTS:
         QVERIFY(fixture.flush());
         COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: requestProcessimage is called with invalid geometry, pass: QRect(0,0 100x100)"))});
         QVERIFY(fixture.receiver.reports.isEmpty());
-        QVERIFY(fixture.worker->snapshot().pendingRequests.isEmpty());
-        QVERIFY(fixture.worker->snapshot().cachedPaths.isEmpty());
+        QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
+        QVERIFY(snapshotOf(fixture.worker).cachedPaths.isEmpty());
     }
 
     void requestIsPreparedInTheWorkerThread()
@@ -223,7 +224,7 @@ private Q_SLOTS:
         QCOMPARE(report.pixmap.toImage().pixel(150, 100), QColor::fromHsv(0, 200, 220).rgb());
 
         COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(path))), debug(internalLine(path)), debug(sizeLine(1, 1))}));
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cachedPaths, QStringList{path});
         QCOMPARE(snapshot.cacheOrder, QList<QString>{path});
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -243,7 +244,7 @@ private Q_SLOTS:
         COMPARE_LOG(recorder,
             (QList<LogEntry>{
                 debug(settingLine(key(path))), debug(QStringLiteral("ImageCacheWorker: the request is already waiting for the way: ") + quoted(key(path)))}));
-        QCOMPARE(fixture.worker->snapshot().pendingRequests, QSet<QString>{key(path)});
+        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(path)});
 
         recorder.clear();
         blocker.release();
@@ -252,7 +253,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.receiver.reports.size(), 1);
         QCOMPARE(fixture.receiver.reports.at(0).path, path);
         COMPARE_LOG(recorder, (QList<LogEntry>{debug(internalLine(path)), debug(sizeLine(1, 1))}));
-        QVERIFY(fixture.worker->snapshot().pendingRequests.isEmpty());
+        QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
     }
 
     void sameImageAtTwoSizesIsTwoPiecesOfWork()
@@ -267,7 +268,7 @@ private Q_SLOTS:
         LogRecorder recorder;
         QVERIFY(fixture.request(path, large, 1.0, Stretch));
         QVERIFY(fixture.request(path, small, 1.0, Stretch));
-        QCOMPARE(fixture.worker->snapshot().pendingRequests, (QSet<QString>{path + QStringLiteral("|1920x1080"), path + QStringLiteral("|1280x720")}));
+        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, (QSet<QString>{path + QStringLiteral("|1920x1080"), path + QStringLiteral("|1280x720")}));
 
         blocker.release();
         QVERIFY(fixture.waitForReports(2));
@@ -283,7 +284,7 @@ private Q_SLOTS:
                 debug(sizeLine(1, 1))}));
 
         // The cache is keyed by path: the second size replaced the first.
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cachedPaths, QStringList{path});
         QCOMPARE(snapshot.cacheOrder, QList<QString>{path});
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -300,7 +301,7 @@ private Q_SLOTS:
         QVERIFY(fixture.request(second, screen));
         QVERIFY(fixture.waitForReports(2));
         const QPixmap firstPixmap = fixture.receiver.reports.at(0).pixmap;
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, (QList<QString>{first, second}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{first, second}));
 
         LogRecorder recorder;
         QVERIFY(!fixture.request(first, QRect(100, 100, 300, 200), 2.0, Tile));
@@ -316,13 +317,13 @@ private Q_SLOTS:
         COMPARE_LOG(recorder,
             {debug(QStringLiteral("ImageCacheWorker: the image is already caching with the correct size, the request for the request: ") + quoted(first))});
         // Refreshed: now the youngest entry.
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, (QList<QString>{second, first}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{second, first}));
 
         // Nothing was queued.
         QVERIFY(fixture.flush());
         QCOMPARE(fixture.receiver.reports.size(), 3);
         QCOMPARE(recorder.slideShowEntries().size(), 1);
-        QVERIFY(fixture.worker->snapshot().pendingRequests.isEmpty());
+        QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
     }
 
     void workerReportsFromItsThreadAndQueuesToTheGui()
@@ -351,7 +352,7 @@ private Q_SLOTS:
         LogRecorder recorder;
         QVERIFY(fixture.worker->getCachedImage(path, QRect(0, 0, 1280, 720), 1.0, Stretch).isNull());
         QVERIFY(recorder.slideShowEntries().isEmpty());
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cachedPaths, sorted({path, other}));
         QCOMPARE(snapshot.cacheOrder, (QList<QString>{path, other}));
 
@@ -360,7 +361,7 @@ private Q_SLOTS:
         QCOMPARE(found.cacheKey(), fixture.receiver.reports.at(0).pixmap.cacheKey());
         COMPARE_LOG(recorder, {debug(lookupLine(path, QStringLiteral("QRect(0,0 1920x1080)"), QStringLiteral("1"), 0))});
         // A lookup does not refresh the entry's age.
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, (QList<QString>{path, other}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{path, other}));
     }
 
     void centerEntryIsReturnedForACropLookup()
@@ -389,7 +390,7 @@ private Q_SLOTS:
             QVERIFY(fixture.waitForReports(i + 1));
         }
         const QList<QString> lastTen = m_images.mid(1, 10);
-        ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, lastTen);
         QCOMPARE(snapshot.cachedPaths, sorted(lastTen));
         QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
@@ -407,7 +408,7 @@ private Q_SLOTS:
         QList<QString> expectedOrder = lastTen;
         expectedOrder.removeOne(again);
         expectedOrder.append(again);
-        snapshot = fixture.worker->snapshot();
+        snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, expectedOrder);
         QCOMPARE(snapshot.cachedPaths, sorted(lastTen));
         QCOMPARE(fixture.worker->getCachedImage(again, other, 1.0, Crop).size(), other.size());
@@ -420,12 +421,12 @@ private Q_SLOTS:
             QVERIFY(fixture.request(m_images.at(i), screen));
         }
         QVERIFY(fixture.waitForReports(5));
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, m_images.mid(0, 5));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(0, 5));
 
         LogRecorder recorder;
         fixture.worker->setCacheCapacity(3);
         COMPARE_LOG(recorder, (QList<LogEntry>{debug(evictionLine(m_images.at(0), 4)), debug(evictionLine(m_images.at(1), 3))}));
-        ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.capacity, 3);
         QCOMPARE(snapshot.cacheOrder, m_images.mid(2, 3));
 
@@ -436,14 +437,14 @@ private Q_SLOTS:
         COMPARE_LOG(recorder,
             (QList<LogEntry>{
                 debug(settingLine(key(m_images.at(5)))), debug(internalLine(m_images.at(5))), debug(evictionLine(m_images.at(2), 3)), debug(sizeLine(3, 3))}));
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, m_images.mid(3, 3));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(3, 3));
 
         // Back to ten (and never beyond it, nor below one).
         fixture.worker->setCacheCapacity(50);
-        QCOMPARE(fixture.worker->snapshot().capacity, 10);
+        QCOMPARE(snapshotOf(fixture.worker).capacity, 10);
         fixture.worker->setCacheCapacity(0);
-        QCOMPARE(fixture.worker->snapshot().capacity, 1);
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, QList<QString>{m_images.at(5)});
+        QCOMPARE(snapshotOf(fixture.worker).capacity, 1);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{m_images.at(5)});
     }
 
     void eleventhImageLogsTheEvictionAndTheSizes()
@@ -453,7 +454,7 @@ private Q_SLOTS:
             QVERIFY(fixture.request(m_images.at(i), screen));
         }
         QVERIFY(fixture.waitForReports(10));
-        QCOMPARE(fixture.worker->snapshot().cacheOrder.size(), 10);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder.size(), 10);
 
         LogRecorder recorder;
         const QString eleventh = m_images.at(10);
@@ -475,14 +476,14 @@ private Q_SLOTS:
         QVERIFY(fixture.request(m_images.at(0), screen));
         QVERIFY(fixture.request(m_images.at(1), screen));
         QVERIFY(fixture.waitForReports(2));
-        QCOMPARE(fixture.worker->snapshot().cachedPaths.size(), 2);
+        QCOMPARE(snapshotOf(fixture.worker).cachedPaths.size(), 2);
 
         LogRecorder recorder;
         fixture.worker->clearAllCacheData();
         COMPARE_LOG(recorder,
             (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
                 debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -499,7 +500,7 @@ private Q_SLOTS:
         WorkerFixture fixture;
         QVERIFY(fixture.request(m_images.at(0), screen));
         QVERIFY(fixture.waitForReports(1));
-        QCOMPARE(fixture.worker->snapshot().preparationsStarted, 1);
+        QCOMPARE(snapshotOf(fixture.worker).preparationsStarted, 1);
 
         // Two requests queue up behind a call that holds the worker's
         // thread; the clearing returns while they are still queued.
@@ -513,7 +514,7 @@ private Q_SLOTS:
         COMPARE_LOG(recorder,
             (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
                 debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
-        ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
         QCOMPARE(snapshot.generation, 1u);
@@ -521,7 +522,7 @@ private Q_SLOTS:
         // The same key asked again after the clearing is a new request.
         recorder.clear();
         QVERIFY(fixture.request(m_images.at(2), screen));
-        QCOMPARE(fixture.worker->snapshot().pendingRequests, QSet<QString>{key(m_images.at(2))});
+        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(m_images.at(2))});
 
         blocker.release();
         QVERIFY(fixture.waitForReports(2));
@@ -536,7 +537,7 @@ private Q_SLOTS:
                 debug(skippedLine(key(m_images.at(2)))),
                 debug(internalLine(m_images.at(2))),
                 debug(sizeLine(1, 1))}));
-        snapshot = fixture.worker->snapshot();
+        snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.preparationsStarted, 2);
         QCOMPARE(snapshot.cachedPaths, QStringList{m_images.at(2)});
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -562,7 +563,7 @@ private Q_SLOTS:
         QVERIFY(fixture.waitForReports(1));
         QVERIFY(fixture.flush());
         QCOMPARE(fixture.receiver.reports.size(), 1);
-        QCOMPARE(fixture.worker->snapshot().preparationsStarted, 1);
+        QCOMPARE(snapshotOf(fixture.worker).preparationsStarted, 1);
         // Centred on black, not stretched over the whole screen.
         const QImage shown = fixture.worker->getCachedImage(path, screen, 1.0, Center).toImage();
         QCOMPARE(shown.pixel(150, 100), qRgb(255, 0, 0));
@@ -589,7 +590,7 @@ private Q_SLOTS:
         QCOMPARE(pixmap.size(), geometry.size());
         // Not a prepared canvas: the requested ratio is not applied.
         QCOMPARE(pixmap.devicePixelRatio(), 1.0);
-        QVERIFY(worker.snapshot().cachedPaths.isEmpty());
+        QVERIFY(snapshotOf(worker).cachedPaths.isEmpty());
     }
 
     void synchronousProcessingReturnsACachedImage()
@@ -605,7 +606,7 @@ private Q_SLOTS:
         const QPixmap pixmap = fixture.worker->processImageSynchronously(first, QRect(50, 50, 300, 200), 1.0, Crop);
         QCOMPARE(pixmap.cacheKey(), fixture.receiver.reports.at(0).pixmap.cacheKey());
         COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: return of a synchronously cached image for: ") + quoted(first))});
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, (QList<QString>{second, first}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{second, first}));
         QVERIFY(fixture.flush());
         QCOMPARE(fixture.receiver.reports.size(), 2);
     }
@@ -625,7 +626,7 @@ private Q_SLOTS:
         QCOMPARE(pixmap.toImage().pixel(150, 100), QColor::fromHsv(10 * 30, 200, 220).rgb());
         COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: Image synchronous processing: ") + quoted(eleventh))});
 
-        ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, QList<QString>(m_images.mid(0, 11)));
         QCOMPARE(snapshot.cachedPaths, sorted(m_images.mid(0, 11)));
         QCOMPARE(fixture.worker->getCachedImage(eleventh, screen, 1.0, Crop).cacheKey(), pixmap.cacheKey());
@@ -643,7 +644,7 @@ private Q_SLOTS:
                 debug(evictionLine(m_images.at(0), 11)),
                 debug(evictionLine(m_images.at(1), 10)),
                 debug(sizeLine(10, 10))}));
-        snapshot = fixture.worker->snapshot();
+        snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, QList<QString>(m_images.mid(2, 10)));
     }
 
@@ -659,7 +660,7 @@ private Q_SLOTS:
         const QPixmap prepared = fixture.worker->processImageSynchronously(path, screen, 1.0, Crop);
         QVERIFY(!prepared.isNull());
         QVERIFY(!fixture.worker->processImageSynchronously(other, screen, 1.0, Crop).isNull());
-        QCOMPARE(fixture.worker->snapshot().cacheOrder, (QList<QString>{path, other}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{path, other}));
 
         LogRecorder recorder;
         blocker.release();
@@ -672,7 +673,7 @@ private Q_SLOTS:
                 debug(QStringLiteral("ImageCacheWorker: The image has already been caching (from the other path) with the correct size, "
                                      "the passage of internal re -processing: ")
                     + quoted(path))}));
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, (QList<QString>{other, path}));
         QVERIFY(snapshot.pendingRequests.isEmpty());
     }
@@ -710,7 +711,7 @@ private Q_SLOTS:
                 debug(internalLine(path)),
                 warning(quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %1 ").arg(path))),
                 debug(sizeLine(1, 1))}));
-        QCOMPARE(fixture.worker->snapshot().cachedPaths, QStringList{path});
+        QCOMPARE(snapshotOf(fixture.worker).cachedPaths, QStringList{path});
         QCOMPARE(fixture.worker->getCachedImage(path, screen, 1.5, Crop).cacheKey(), pixmap.cacheKey());
     }
 
@@ -733,7 +734,7 @@ private Q_SLOTS:
             (QList<LogEntry>{debug(settingLine(path + QStringLiteral("|70000000x200"))),
                 debug(internalLine(path)),
                 warning(QStringLiteral("ImageCacheWorker: The processed image is equal to NULL for the way: ") + quoted(path))}));
-        const ImageCacheWorker::Snapshot snapshot = fixture.worker->snapshot();
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
         // The key is gone, so the same request would be queued again.
@@ -791,7 +792,7 @@ private Q_SLOTS:
         ImageCacheWorker *worker = fixture.worker;
 
         auto checkInvariants = [worker](const char *when) {
-            const ImageCacheWorker::Snapshot snapshot = worker->snapshot();
+            const WorkerSnapshot snapshot = snapshotOf(worker);
             const QSet<QString> ordered(snapshot.cacheOrder.cbegin(), snapshot.cacheOrder.cend());
             const QSet<QString> cached(snapshot.cachedPaths.cbegin(), snapshot.cachedPaths.cend());
             QVERIFY2(snapshot.cachedPaths.size() <= ImageCacheWorker::maxCacheSize, when);
@@ -818,7 +819,7 @@ private Q_SLOTS:
                 // would be a data race.
                 if ((i / stepEvery) % 2 == 0) {
                     QVERIFY(fixture.flush());
-                    QVERIFY(worker->snapshot().pendingRequests.isEmpty());
+                    QVERIFY(snapshotOf(worker).pendingRequests.isEmpty());
                     checkInvariants("with the worker idle");
                     if (QTest::currentTestFailed()) {
                         return;
@@ -845,7 +846,7 @@ private Q_SLOTS:
                 worker->clearAllCacheData();
                 ++clearings;
                 acceptedSinceClearing = 0;
-                const ImageCacheWorker::Snapshot snapshot = worker->snapshot();
+                const WorkerSnapshot snapshot = snapshotOf(worker);
                 QVERIFY(snapshot.cachedPaths.isEmpty());
                 QVERIFY(snapshot.pendingRequests.isEmpty());
                 QCOMPARE(snapshot.generation, quint64(clearings));
@@ -857,12 +858,12 @@ private Q_SLOTS:
 
         // Everything queued has run once the marker posted last has.
         QVERIFY(fixture.flush());
-        QVERIFY(worker->snapshot().pendingRequests.isEmpty());
+        QVERIFY(snapshotOf(worker).pendingRequests.isEmpty());
         checkInvariants("after the run");
         if (QTest::currentTestFailed()) {
             return;
         }
-        const ImageCacheWorker::Snapshot last = worker->snapshot();
+        const WorkerSnapshot last = snapshotOf(worker);
         for (const QString &path : last.cachedPaths) {
             int matching = 0;
             for (const QRect &geometry : geometries) {
@@ -892,7 +893,7 @@ private Q_SLOTS:
         QVERIFY2(recorder->texts(QtWarningMsg).isEmpty(), qPrintable(recorder->texts(QtWarningMsg).join(QLatin1Char('\n'))));
 
         worker->clearAllCacheData();
-        const ImageCacheWorker::Snapshot cleared = worker->snapshot();
+        const WorkerSnapshot cleared = snapshotOf(worker);
         QVERIFY(cleared.cachedPaths.isEmpty());
         QVERIFY(cleared.cacheOrder.isEmpty());
         QVERIFY(cleared.pendingRequests.isEmpty());

@@ -10,6 +10,7 @@
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slidelabeltesthelpers.h"
 #include "testutils.h"
 
@@ -140,18 +141,18 @@ private Q_SLOTS:
         label->setDir(m_dir.path());
         QCOMPARE(workerRequests(log), QStringList{queued(m_image, geometry.size())});
 
-        QTRY_VERIFY(!label->worker()->getCachedImage(m_image, geometry, ratio, Crop).isNull());
-        const QPixmap cached = label->worker()->getCachedImage(m_image, geometry, ratio, Crop);
+        QTRY_VERIFY(!inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Crop).isNull());
+        const QPixmap cached = inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Crop);
         QCOMPARE(cached.size(), geometry.size());
         QCOMPARE(cached.devicePixelRatioF(), ratio);
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         // The paint looks the slide up by the same rectangle and ratio.
         log.clear();
         label->grab();
         QCOMPARE(log.texts(QtDebugMsg),
             QStringList{QStringLiteral("ImageCacheWorker: return of a caching image for: ") + quoted(m_image) + QLatin1Char(' ') + lookupSuffix});
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
     }
 
     void paintedSlideFillsTheWidgetAtTheDeviceRatio_data()
@@ -178,9 +179,9 @@ private Q_SLOTS:
         const double ratio = expectedRatio();
         const QRect geometry = deviceGeometry(*label);
         QCOMPARE(geometry.size(), size * std::floor(ratio));
-        QTRY_VERIFY(!label->worker()->getCachedImage(m_image, geometry, ratio, Position(mode)).isNull());
-        QVERIFY(waitUntilIdle(label->worker()));
-        const QPixmap slide = label->worker()->getCachedImage(m_image, geometry, ratio, Position(mode));
+        QTRY_VERIFY(!inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Position(mode)).isNull());
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        const QPixmap slide = inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Position(mode));
 
         QImage canvas(size * ratio, QImage::Format_ARGB32_Premultiplied);
         canvas.setDevicePixelRatio(ratio);

@@ -9,6 +9,7 @@
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slidelabeltesthelpers.h"
 #include "testutils.h"
 
@@ -63,7 +64,7 @@ QImage renderLabel(SlideLabel &label, const QColor &background)
 
 QPixmap cachedSlide(SlideLabel &label, const QString &path)
 {
-    return label.worker()->getCachedImage(path, deviceGeometry(label), label.devicePixelRatioF(), label.fittingMode());
+    return inspect(label).worker()->getCachedImage(path, deviceGeometry(label), label.devicePixelRatioF(), inspect(label).fittingMode());
 }
 
 // Every pixel different from its neighbours; with alpha, every alpha value
@@ -250,7 +251,7 @@ private:
                 return nullptr;
             }
         }
-        waitUntilIdle(label->worker());
+        waitUntilIdle(inspect(label).worker());
         return label;
     }
 
@@ -433,8 +434,8 @@ private Q_SLOTS:
         LogRecorder log;
         SlideLabel *label = sharedLabel(m_twoSolid, {m_red, m_blue});
         QVERIFY(label);
-        QCOMPARE(label->currentImage(), m_red);
-        QCOMPARE(label->previousImage(), m_blue);
+        QCOMPARE(inspect(label).currentImage(), m_red);
+        QCOMPARE(inspect(label).previousImage(), m_blue);
         label->setOpacity(opacity);
 
         log.clear();
@@ -480,7 +481,7 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = labelWithCached(m_threeSolid, {red});
         QVERIFY(label);
-        QCOMPARE(label->previousImage(), green);
+        QCOMPARE(inspect(label).previousImage(), green);
         QVERIFY(cachedSlide(*label, green).isNull());
         label->setOpacity(0.5);
 
@@ -503,14 +504,14 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = labelWithCached(m_threeSolid, {red, blue});
         QVERIFY(label);
-        WorkerBlocker blocker(label->worker());
+        WorkerBlocker blocker(inspect(label).worker());
         QVERIFY(blocker.isHolding());
         // Current blue, then current green: green is asked for but stays
         // queued behind the held worker.
         label->setNext();
         label->setNext();
-        QCOMPARE(label->currentImage(), green);
-        QCOMPARE(label->previousImage(), blue);
+        QCOMPARE(inspect(label).currentImage(), green);
+        QCOMPARE(inspect(label).previousImage(), blue);
         label->setOpacity(0.5);
 
         log.clear();
@@ -540,7 +541,7 @@ private Q_SLOTS:
         SlideLabel *label = sharedLabel(m_oneSolid, {only});
         QVERIFY(label);
         label->setOpacity(opacity);
-        QCOMPARE(label->currentOpacity(), opacity);
+        QCOMPARE(inspect(label).currentOpacity(), opacity);
 
         const QImage painted = renderLabel(*label, Qt::black);
         COMPARE_IMAGES(painted,
@@ -557,7 +558,7 @@ private Q_SLOTS:
         auto label = makeShownLabel();
         QVERIFY(label);
         {
-            WorkerBlocker blocker(label->worker());
+            WorkerBlocker blocker(inspect(label).worker());
             QVERIFY(blocker.isHolding());
             label->setDir(m_oneSolid);
             QVERIFY(cachedSlide(*label, only).isNull());
@@ -604,7 +605,7 @@ private Q_SLOTS:
         label->resize(size);
         if (emptyDirectory) {
             label->setDir(m_empty);
-            QVERIFY(label->files().isEmpty());
+            QVERIFY(inspect(label).files().isEmpty());
         }
         const QImage painted = renderLabel(*label, Qt::transparent);
 
@@ -670,7 +671,7 @@ private Q_SLOTS:
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 1);
-        QCOMPARE(label->currentOpacity(), 0.5);
+        QCOMPARE(inspect(label).currentOpacity(), 0.5);
 
         label->setOpacity(0.5);
         QCoreApplication::sendPostedEvents();
@@ -682,13 +683,13 @@ private Q_SLOTS:
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 1);
-        QCOMPARE(label->currentOpacity(), 0.5);
+        QCOMPARE(inspect(label).currentOpacity(), 0.5);
 
         label->setOpacity(0.6);
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 2);
-        QCOMPARE(label->currentOpacity(), 0.6);
+        QCOMPARE(inspect(label).currentOpacity(), 0.6);
     }
 
     void setOpacityFromZeroAlwaysRepaints()
@@ -709,7 +710,7 @@ private Q_SLOTS:
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 1);
-        QCOMPARE(label->currentOpacity(), 1e-9);
+        QCOMPARE(inspect(label).currentOpacity(), 1e-9);
     }
 
     void setOpacityOutsideTheRangeIsStoredUnclamped_data()
@@ -731,7 +732,7 @@ private Q_SLOTS:
         QVERIFY(label);
         EventCounter paints(label.get(), QEvent::Paint);
         label->setOpacity(opacity);
-        QCOMPARE(label->currentOpacity(), opacity);
+        QCOMPARE(inspect(label).currentOpacity(), opacity);
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 1);
@@ -753,7 +754,7 @@ private Q_SLOTS:
         const QPixmap pixmap = cachedSlide(*label, lookAhead);
         QVERIFY(!pixmap.isNull());
         log.clear();
-        Q_EMIT label->worker()->imageCached(lookAhead, pixmap);
+        Q_EMIT inspect(label).worker()->imageCached(lookAhead, pixmap);
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 0);
@@ -784,7 +785,7 @@ private Q_SLOTS:
         EventCounter paints(label.get(), QEvent::Paint);
         log.clear();
         TestUtils::setSlideShowDebugEnabled(debug);
-        Q_EMIT label->worker()->imageCached(path, QPixmap());
+        Q_EMIT inspect(label).worker()->imageCached(path, QPixmap());
         TestUtils::setSlideShowDebugEnabled(true);
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
@@ -803,7 +804,7 @@ private Q_SLOTS:
         QVERIFY(label);
         QPixmap green(labelSize);
         green.fill(Qt::green);
-        Q_EMIT label->worker()->imageCached(label->currentImage(), green);
+        Q_EMIT inspect(label).worker()->imageCached(inspect(label).currentImage(), green);
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
         // Drawn from the worker's cache, not from the report.
@@ -853,7 +854,7 @@ private Q_SLOTS:
         for (int i = 0; i < steps; ++i) {
             label->setNext();
         }
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         log.clear();
         label->resize(300, 200);

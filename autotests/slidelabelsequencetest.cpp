@@ -9,7 +9,9 @@
 // setDir, setNext and setPosition.
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slidelabeltesthelpers.h"
 #include "testutils.h"
 
@@ -161,8 +163,8 @@ private Q_SLOTS:
 
         auto label = makeLabel();
         label->setDir(dir.path());
-        QCOMPARE(label->files(), joined(dir.path(), expected));
-        QCOMPARE(label->currentImage(), joined(dir.path(), expected).first());
+        QCOMPARE(inspect(label).files(), joined(dir.path(), expected));
+        QCOMPARE(inspect(label).currentImage(), joined(dir.path(), expected).first());
     }
 
     void setDirSkipsOtherFilesHiddenFilesAndDirectories()
@@ -188,7 +190,7 @@ private Q_SLOTS:
 
         auto label = makeLabel();
         label->setDir(dir.path());
-        QCOMPARE(label->files(), joined(dir.path(), {QStringLiteral("a.png"), QStringLiteral("link.png")}));
+        QCOMPARE(inspect(label).files(), joined(dir.path(), {QStringLiteral("a.png"), QStringLiteral("link.png")}));
     }
 
     void setDirJoinsTheDirectoryAndTheNames_data()
@@ -221,10 +223,10 @@ private Q_SLOTS:
         QVERIFY(QDir::setCurrent(previousCurrent));
 
         const QString prefix = expectedPrefix.contains(QLatin1String("%1")) ? expectedPrefix.arg(dir.path()) : expectedPrefix;
-        QCOMPARE(label->files(), QStringList({prefix + QStringLiteral("a.png"), prefix + QStringLiteral("b.png")}));
+        QCOMPARE(inspect(label).files(), QStringList({prefix + QStringLiteral("a.png"), prefix + QStringLiteral("b.png")}));
         QCOMPARE(guiFlow(log).first(), settingDirectoryLine(directory));
         // The worker is asked with the same paths.
-        QCOMPARE(requestedPaths(log), label->files());
+        QCOMPARE(requestedPaths(log), inspect(label).files());
     }
 
     void setDirWithThreeImagesStartsAtTheFirst()
@@ -240,12 +242,12 @@ private Q_SLOTS:
         log.clear();
         label->setDir(dir.path());
 
-        QCOMPARE(label->files(), paths);
-        QCOMPARE(label->currentFileIndex(), 0);
-        QCOMPARE(label->currentImage(), paths.at(0));
+        QCOMPARE(inspect(label).files(), paths);
+        QCOMPARE(inspect(label).currentFileIndex(), 0);
+        QCOMPARE(inspect(label).currentImage(), paths.at(0));
         // The one before the first in wrap-around order, not requested.
-        QCOMPARE(label->previousImage(), paths.at(2));
-        QCOMPARE(label->currentOpacity(), 1.0);
+        QCOMPARE(inspect(label).previousImage(), paths.at(2));
+        QCOMPARE(inspect(label).currentOpacity(), 1.0);
         QCOMPARE(
             guiFlow(log), QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
         QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, settingDirectoryLine(dir.path())));
@@ -260,7 +262,7 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeLabel();
         label->setDir(dir.path());
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         struct Step {
             int index;
@@ -278,13 +280,13 @@ private Q_SLOTS:
             label->setOpacity(1.0);
             log.clear();
             label->setNext();
-            QCOMPARE(label->currentFileIndex(), step.index);
-            QCOMPARE(label->currentImage(), step.current);
-            QCOMPARE(label->previousImage(), step.previous);
-            QCOMPARE(label->currentOpacity(), 0.0);
+            QCOMPARE(inspect(label).currentFileIndex(), step.index);
+            QCOMPARE(inspect(label).currentImage(), step.current);
+            QCOMPARE(inspect(label).previousImage(), step.previous);
+            QCOMPARE(inspect(label).currentOpacity(), 0.0);
             // One image ahead, exactly one request.
             QCOMPARE(requestedPaths(log), QStringList{step.request});
-            QVERIFY(waitUntilIdle(label->worker()));
+            QVERIFY(waitUntilIdle(inspect(label).worker()));
         }
     }
 
@@ -320,15 +322,15 @@ private Q_SLOTS:
         auto label = makeLabel();
         label->resize(size);
         label->setDir(dir.path());
-        QCOMPARE(label->worker()->snapshot().capacity, capacity);
+        QCOMPARE(snapshotOf(inspect(label).worker()).capacity, capacity);
         // One round of the show.
         for (int i = 0; i < images; ++i) {
-            QVERIFY(waitUntilIdle(label->worker()));
+            QVERIFY(waitUntilIdle(inspect(label).worker()));
             label->setNext();
         }
-        QVERIFY(waitUntilIdle(label->worker()));
-        QCOMPARE(label->currentImage(), paths.at(0));
-        const QStringList cached = label->worker()->snapshot().cachedPaths;
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(inspect(label).currentImage(), paths.at(0));
+        const QStringList cached = snapshotOf(inspect(label).worker()).cachedPaths;
         if (capacity >= images) {
             QCOMPARE(cached, paths);
         } else {
@@ -344,12 +346,12 @@ private Q_SLOTS:
         auto label = makeShownLabel();
         QVERIFY(label);
         label->setDir(dir.path());
-        QCOMPARE(label->worker()->snapshot().capacity, 10);
+        QCOMPARE(snapshotOf(inspect(label).worker()).capacity, 10);
         label->resize(3840, 2160);
-        QTRY_COMPARE(label->worker()->snapshot().capacity, 3);
+        QTRY_COMPARE(snapshotOf(inspect(label).worker()).capacity, 3);
         label->resize(labelSize);
-        QTRY_COMPARE(label->worker()->snapshot().capacity, 10);
-        QVERIFY(waitUntilIdle(label->worker()));
+        QTRY_COMPARE(snapshotOf(inspect(label).worker()).capacity, 10);
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
     }
 
     void setNextAsksTheWorkerForTheLookAheadImageOnly()
@@ -361,7 +363,7 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeLabel();
         label->setDir(dir.path());
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
         log.clear();
         label->setNext();
         // b was requested by setDir; only c is new work.
@@ -380,7 +382,7 @@ private Q_SLOTS:
         EventCounter paints(label.get(), QEvent::Paint);
         {
             // Nothing gets cached meanwhile, so no report repaints either.
-            WorkerBlocker blocker(label->worker());
+            WorkerBlocker blocker(inspect(label).worker());
             QVERIFY(blocker.isHolding());
             label->setDir(dir.path());
             QCoreApplication::sendPostedEvents();
@@ -405,21 +407,21 @@ private Q_SLOTS:
         QVERIFY(label);
         log.clear();
         label->setDir(dir.path());
-        QCOMPARE(label->files(), QStringList{path});
-        QCOMPARE(label->currentImage(), path);
-        QCOMPARE(label->previousImage(), path);
+        QCOMPARE(inspect(label).files(), QStringList{path});
+        QCOMPARE(inspect(label).currentImage(), path);
+        QCOMPARE(inspect(label).previousImage(), path);
         QCOMPARE(workerRequests(log), QStringList{queued(path, labelSize)});
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         EventCounter paints(label.get(), QEvent::Paint);
         log.clear();
         label->setNext();
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
-        QCOMPARE(label->currentFileIndex(), 0);
-        QCOMPARE(label->currentImage(), path);
-        QCOMPARE(label->previousImage(), path);
-        QCOMPARE(label->currentOpacity(), 1.0);
+        QCOMPARE(inspect(label).currentFileIndex(), 0);
+        QCOMPARE(inspect(label).currentImage(), path);
+        QCOMPARE(inspect(label).previousImage(), path);
+        QCOMPARE(inspect(label).currentOpacity(), 1.0);
         QCOMPARE(log.slideShowEntries().size(), 0);
         QCOMPARE(paints.count(), 0);
     }
@@ -455,7 +457,7 @@ private Q_SLOTS:
         QVERIFY(label);
         label->setDir(dir.path());
         label->setNext();
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         EventCounter paints(label.get(), QEvent::Paint);
         log.clear();
@@ -463,23 +465,23 @@ private Q_SLOTS:
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
 
-        QVERIFY(label->files().isEmpty());
-        QCOMPARE(label->currentFileIndex(), 1);
-        QCOMPARE(label->currentImage(), paths.at(1));
-        QCOMPARE(label->previousImage(), paths.at(0));
-        QCOMPARE(label->currentOpacity(), 0.0);
+        QVERIFY(inspect(label).files().isEmpty());
+        QCOMPARE(inspect(label).currentFileIndex(), 1);
+        QCOMPARE(inspect(label).currentImage(), paths.at(1));
+        QCOMPARE(inspect(label).previousImage(), paths.at(0));
+        QCOMPARE(inspect(label).currentOpacity(), 0.0);
         QCOMPARE(log.texts(QtCriticalMsg), QStringList{criticalText(bad)});
         QCOMPARE(log.slideShowEntries().last(), entry(QtCriticalMsg, criticalText(bad)));
         QCOMPARE(guiFlow(log), QStringList({settingDirectoryLine(bad), clearingStarted, clearingDone, criticalText(bad)}));
         QCOMPARE(paints.count(), 0);
         // The cache was emptied before the scan.
-        QVERIFY(label->worker()->snapshot().cachedPaths.isEmpty());
+        QVERIFY(snapshotOf(inspect(label).worker()).cachedPaths.isEmpty());
 
         // Nothing to step through or to ask for until a scan finds images.
         log.clear();
         label->setNext();
         label->setPosition(Crop);
-        QCOMPARE(label->currentImage(), paths.at(1));
+        QCOMPARE(inspect(label).currentImage(), paths.at(1));
         QCOMPARE(guiFlow(log), QStringList({QStringLiteral("SlideLabel: Setting position to: 1"), clearingStarted, clearingDone}));
         QVERIFY(workerRequests(log).isEmpty());
     }
@@ -492,25 +494,25 @@ private Q_SLOTS:
 
         LogRecorder log;
         auto label = makeLabel();
-        QCOMPARE(label->fittingMode(), Stretch);
+        QCOMPARE(inspect(label).fittingMode(), Stretch);
         label->setDir(dir.path());
-        QVERIFY(waitUntilIdle(label->worker()));
-        const QStringList cached = label->worker()->snapshot().cachedPaths;
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        const QStringList cached = snapshotOf(inspect(label).worker()).cachedPaths;
         QCOMPARE(cached, paths.mid(0, 2));
 
         log.clear();
         label->setPosition(Stretch);
         QCOMPARE(log.slideShowEntries().size(), 0);
-        QCOMPARE(label->worker()->snapshot().cachedPaths, cached);
+        QCOMPARE(snapshotOf(inspect(label).worker()).cachedPaths, cached);
 
         label->setPosition(Tile);
-        QVERIFY(waitUntilIdle(label->worker()));
-        const QStringList cachedForTile = label->worker()->snapshot().cachedPaths;
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        const QStringList cachedForTile = snapshotOf(inspect(label).worker()).cachedPaths;
         log.clear();
         label->setPosition(Tile);
         QCOMPARE(log.slideShowEntries().size(), 0);
-        QCOMPARE(label->worker()->snapshot().cachedPaths, cachedForTile);
-        QCOMPARE(label->fittingMode(), Tile);
+        QCOMPARE(snapshotOf(inspect(label).worker()).cachedPaths, cachedForTile);
+        QCOMPARE(inspect(label).fittingMode(), Tile);
     }
 
     void setPositionWithANewValueRequestsCurrentNextAndPrevious_data()
@@ -538,11 +540,11 @@ private Q_SLOTS:
         for (int i = 0; i < steps; ++i) {
             label->setNext();
         }
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         log.clear();
         label->setPosition(Crop);
-        QCOMPARE(label->fittingMode(), Crop);
+        QCOMPARE(inspect(label).fittingMode(), Crop);
         QStringList expected{QStringLiteral("SlideLabel: Setting position to: 1"), clearingStarted, clearingDone};
         for (int index : order) {
             expected.append(queuedLine(paths.at(index)));
@@ -573,7 +575,7 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeLabel();
         label->setDir(dir.path());
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         log.clear();
         label->setPosition(Center);
@@ -591,7 +593,7 @@ private Q_SLOTS:
         auto label = makeLabel();
         log.clear();
         label->setPosition(Tile);
-        QCOMPARE(label->fittingMode(), Tile);
+        QCOMPARE(inspect(label).fittingMode(), Tile);
         QCOMPARE(guiFlow(log), QStringList({QStringLiteral("SlideLabel: Setting position to: 2"), clearingStarted, clearingDone}));
         QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, QStringLiteral("SlideLabel: Setting position to: 2")));
     }
@@ -611,20 +613,20 @@ private Q_SLOTS:
         label->setPosition(Center);
         label->setDir(dir.path());
         label->setNext();
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         const QRect geometry = deviceGeometry(*label);
         // The current (b) was asked for by setDir, the look-ahead (c) by setNext.
         for (const QString &path : {paths.at(1), paths.at(2)}) {
-            const QImage image = label->worker()->getCachedImage(path, geometry, 1.0, Center).toImage();
+            const QImage image = inspect(label).worker()->getCachedImage(path, geometry, 1.0, Center).toImage();
             QVERIFY2(!image.isNull(), qPrintable(path));
             QVERIFY(TestUtils::fuzzyColor(image.pixel(0, 0), Qt::black, 0));
             QVERIFY(TestUtils::fuzzyColor(image.pixel(160, 120), Qt::white, 0));
         }
 
         label->setPosition(Stretch);
-        QVERIFY(waitUntilIdle(label->worker()));
-        const QImage stretched = label->worker()->getCachedImage(paths.at(1), geometry, 1.0, Stretch).toImage();
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        const QImage stretched = inspect(label).worker()->getCachedImage(paths.at(1), geometry, 1.0, Stretch).toImage();
         QVERIFY(!stretched.isNull());
         QVERIFY(TestUtils::fuzzyColor(stretched.pixel(0, 0), Qt::white, 0));
     }

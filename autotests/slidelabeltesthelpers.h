@@ -11,7 +11,9 @@
 #define ZAV_SLIDELABELTESTHELPERS_H
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -255,7 +257,7 @@ inline bool waitUntilIdle(Dm::ScreenSaver::ImageCacheWorker *worker)
     QMetaObject::invokeMethod(
         worker,
         [] {
-            target.load()->snapshot();
+            snapshotOf(target.load());
             reached.fetch_add(1);
         },
         Qt::QueuedConnection);
@@ -272,7 +274,7 @@ struct IdleDeleter {
     void operator()(Dm::ScreenSaver::SlideLabel *label) const
     {
         if (label) {
-            waitUntilIdle(label->worker());
+            waitUntilIdle(inspect(label).worker());
             delete label;
         }
     }

@@ -11,6 +11,7 @@
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slidelabeltesthelpers.h"
 #include "testutils.h"
 
@@ -136,7 +137,7 @@ private Q_SLOTS:
         LabelPointer label(new SlideLabel);
         QCOMPARE(log.slideShowEntries(), QList<TestUtils::LogEntry>{entry(QtDebugMsg, started)});
 
-        ImageCacheWorker *worker = label->worker();
+        ImageCacheWorker *worker = inspect(label).worker();
         QVERIFY(worker);
         QVERIFY(!worker->parent());
         QThread *thread = worker->thread();
@@ -151,7 +152,7 @@ private Q_SLOTS:
         // The label itself stays in the GUI thread.
         QCOMPARE(label->thread(), QThread::currentThread());
         // Running before any directory is set.
-        QVERIFY(label->files().isEmpty());
+        QVERIFY(inspect(label).files().isEmpty());
     }
 
     void metaObjectHasOnlyTheReportSlot()
@@ -178,7 +179,7 @@ private Q_SLOTS:
         // are there before that thread exists.
         DestructionWitness witness;
         auto *label = new SlideLabel;
-        QPointer<ImageCacheWorker> worker = label->worker();
+        QPointer<ImageCacheWorker> worker = inspect(label).worker();
         QThread *const workerThread = worker->thread();
         witness.watch(worker.data());
 
@@ -227,7 +228,7 @@ private Q_SLOTS:
             for (int i = 0; i < steps; ++i) {
                 label->setNext();
             }
-            QPointer<ImageCacheWorker> worker = label->worker();
+            QPointer<ImageCacheWorker> worker = inspect(label).worker();
             witness.watch(worker.data());
             QThread *const workerThread = worker->thread();
 
@@ -252,7 +253,7 @@ private Q_SLOTS:
         ThreadTagger tagger;
         LabelPointer label(new SlideLabel);
         label->resize(240, 180);
-        QThread *const workerThread = label->worker()->thread();
+        QThread *const workerThread = inspect(label).worker()->thread();
         label->setDir(dir.path());
         // The current image and the look-ahead both reported.
         QTRY_COMPARE(tagger.threadsOf(QStringLiteral("SlideLabel: Image cached")).size(), 2);
@@ -272,7 +273,7 @@ private Q_SLOTS:
         // the GUI thread, within the request: setNext asks for a, cached.
         label->setNext();
         label->setNext();
-        QVERIFY(waitUntilIdle(label->worker()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
         log.clear();
         const int before = tagger.threadsOf(QStringLiteral("SlideLabel: Image cached")).size();
         label->setNext();
@@ -299,7 +300,7 @@ private Q_SLOTS:
         DestructionWitness witness;
         auto *label = new SlideLabel;
         label->resize(240, 180);
-        QPointer<ImageCacheWorker> worker = label->worker();
+        QPointer<ImageCacheWorker> worker = inspect(label).worker();
         QThread *const workerThread = worker->thread();
         QPointer<QThread> thread = workerThread;
         witness.watch(worker.data());

@@ -5,6 +5,7 @@
 
 #include "settings/slideshowsettingswidget.h"
 #include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 #include "testutils.h"
 
 #include <KLocalizedString>
@@ -227,7 +228,7 @@ private Q_SLOTS:
         QCOMPARE(c.effect->currentText(), translated("Slow"));
         // Edits reach the screensaver only through a commit.
         QCOMPARE(screensaver.property().value(effectKey), QVariant(2500));
-        QCOMPARE(screensaver.fadeAnimation()->duration(), 2500);
+        QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), 2500);
 
         TestUtils::setSlideShowDebugEnabled(true);
         LogRecorder recorder;
@@ -237,8 +238,8 @@ private Q_SLOTS:
 
         const QVariantMap expected = partial ? settingsMap(m_second, 5, 5000, 1) : settingsMap(m_first, 9, 5000, 2);
         QCOMPARE(screensaver.property(), expected);
-        QCOMPARE(screensaver.fadeAnimation()->duration(), 5000);
-        QCOMPARE(screensaver.switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
+        QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), 5000);
+        QCOMPARE(inspect(screensaver).switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
         QCOMPARE(dialog->property(), expected);
         QCOMPARE(c.autoSwitch->value(), expected.value(autoSwitchKey).toInt());
 

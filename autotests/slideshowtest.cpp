@@ -7,6 +7,8 @@
 #include "imagecache/imagecacheworker.h"
 #include "plugin/slideshowconstants.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
+#include "slideshow/slideshow_p.h"
 #include "testutils.h"
 
 #include <KLocalizedString>
@@ -142,13 +144,13 @@ private Q_SLOTS:
         QCOMPARE(show.property(), expectedDefaults());
         QCOMPARE(show.property(), show.defaultProperty());
 
-        const QTimer &timer = show.switchTimer();
+        const QTimer &timer = inspect(show).switchTimer();
         QVERIFY(timer.isSingleShot());
         QCOMPARE(timer.interval(), 5000);
         QVERIFY(!timer.isActive());
         QCOMPARE(timer.parent(), nullptr);
 
-        QVariantAnimation *animation = show.fadeAnimation();
+        QVariantAnimation *animation = inspect(show).fadeAnimation();
         QVERIFY(animation);
         QCOMPARE(animation->duration(), 500);
         QCOMPARE(animation->startValue(), QVariant(0.0));
@@ -161,24 +163,24 @@ private Q_SLOTS:
         QCOMPARE(animation->parent(), &show);
 
         // The defaults reached the label: the directory and fitting mode 1.
-        QCOMPARE(show.slideLabel()->fittingMode(), Crop);
-        QCOMPARE(show.slideLabel()->currentOpacity(), 1.0);
+        QCOMPARE(inspect(inspect(show).slideLabel()).fittingMode(), Crop);
+        QCOMPARE(inspect(inspect(show).slideLabel()).currentOpacity(), 1.0);
     }
 
     void timerIsInactiveUntilStart()
     {
         SlideShow show;
         show.setProperty(fastSettings(200));
-        QVERIFY(!show.switchTimer().isActive());
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        QVERIFY(!inspect(show).switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Stopped);
         show.start();
-        QVERIFY(show.switchTimer().isActive());
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        QVERIFY(inspect(show).switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Stopped);
         // Just armed: the whole interval lies ahead (a coarse timer may be
         // rounded by a few per cent).
-        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QVERIFY2(inspect(show).switchTimer().remainingTime() >= 900, qPrintable(QString::number(inspect(show).switchTimer().remainingTime())));
         show.stop();
-        QVERIFY(!show.switchTimer().isActive());
+        QVERIFY(!inspect(show).switchTimer().isActive());
     }
 
     void nameIsSlideShow()
@@ -226,19 +228,19 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 9}, {effectKey, 700}, {positionKey, 3}});
-        QCOMPARE(show.switchTimer().interval(), 9000);
-        QCOMPARE(show.slideLabel()->fittingMode(), Center);
-        QCOMPARE(show.slideLabel()->files(), m_files);
+        QCOMPARE(inspect(show).switchTimer().interval(), 9000);
+        QCOMPARE(inspect(inspect(show).slideLabel()).fittingMode(), Center);
+        QCOMPARE(inspect(inspect(show).slideLabel()).files(), m_files);
 
         show.setProperty(QVariantMap{{effectKey, 300}});
         QVariantMap expected = expectedDefaults();
         expected.insert(effectKey, 300);
         QCOMPARE(show.property(), expected);
-        QCOMPARE(show.fadeAnimation()->duration(), 300);
-        QCOMPARE(show.switchTimer().interval(), 5000);
-        QCOMPARE(show.slideLabel()->fittingMode(), Crop);
+        QCOMPARE(inspect(show).fadeAnimation()->duration(), 300);
+        QCOMPARE(inspect(show).switchTimer().interval(), 5000);
+        QCOMPARE(inspect(inspect(show).slideLabel()).fittingMode(), Crop);
         // Back to the default directory, which holds no image here.
-        QVERIFY(show.slideLabel()->files().isEmpty());
+        QVERIFY(inspect(inspect(show).slideLabel()).files().isEmpty());
     }
 
     void setPropertyDropsUnknownKeys()
@@ -254,7 +256,7 @@ private Q_SLOTS:
         QCOMPARE(show.property().size(), 4);
         QCOMPARE(show.property().keys(), expectedDefaults().keys());
         QCOMPARE(show.property().value(effectKey), QVariant(250));
-        QCOMPARE(show.fadeAnimation()->duration(), 250);
+        QCOMPARE(inspect(show).fadeAnimation()->duration(), 250);
     }
 
     void setPropertyKeepsTheGivenTypes_data()
@@ -282,8 +284,8 @@ private Q_SLOTS:
         QCOMPARE(show.property().size(), 4);
         QCOMPARE(show.property().value(key), value);
         QCOMPARE(show.property().value(key).userType(), value.userType());
-        QCOMPARE(show.switchTimer().interval(), interval);
-        QCOMPARE(show.fadeAnimation()->duration(), duration);
+        QCOMPARE(inspect(show).switchTimer().interval(), interval);
+        QCOMPARE(inspect(show).fadeAnimation()->duration(), duration);
     }
 
     void effectIsConvertedWithToInt_data()
@@ -314,11 +316,11 @@ private Q_SLOTS:
 
         show.setProperty(QVariantMap{{effectKey, value}});
         QCOMPARE(show.property().value(effectKey), value);
-        QCOMPARE(show.fadeAnimation()->duration(), reference.duration());
+        QCOMPARE(inspect(show).fadeAnimation()->duration(), reference.duration());
         if (value.toInt() >= 0) {
-            QCOMPARE(show.fadeAnimation()->duration(), value.toInt());
+            QCOMPARE(inspect(show).fadeAnimation()->duration(), value.toInt());
         } else {
-            QCOMPARE(show.fadeAnimation()->duration(), 300);
+            QCOMPARE(inspect(show).fadeAnimation()->duration(), 300);
         }
     }
 
@@ -344,12 +346,12 @@ private Q_SLOTS:
         SlideShow show;
         show.setProperty(QVariantMap{{autoSwitchKey, value}});
         QCOMPARE(show.property().value(autoSwitchKey), value);
-        QCOMPARE(show.switchTimer().interval(), interval);
+        QCOMPARE(inspect(show).switchTimer().interval(), interval);
         // The timer takes the clamped interval like any other.
         show.start();
-        QVERIFY(show.switchTimer().isActive());
+        QVERIFY(inspect(show).switchTimer().isActive());
         show.stop();
-        QVERIFY(!show.switchTimer().isActive());
+        QVERIFY(!inspect(show).switchTimer().isActive());
     }
 
     void negativeAutoSwitchIsPassedToTheTimer_data()
@@ -374,7 +376,7 @@ private Q_SLOTS:
         SlideShow show;
         show.setProperty(QVariantMap{{autoSwitchKey, seconds}});
         QCOMPARE(show.property().value(autoSwitchKey), QVariant(seconds));
-        QCOMPARE(show.switchTimer().interval(), reference.interval());
+        QCOMPARE(inspect(show).switchTimer().interval(), reference.interval());
     }
 
     void positionIsConvertedWithToInt_data()
@@ -397,21 +399,21 @@ private Q_SLOTS:
         SlideShow show;
         show.setProperty(QVariantMap{{positionKey, value}});
         QCOMPARE(show.property().value(positionKey), value);
-        QCOMPARE(int(show.slideLabel()->fittingMode()), position);
+        QCOMPARE(int(inspect(inspect(show).slideLabel()).fittingMode()), position);
     }
 
     void imageDirectoryGoesToTheLabel()
     {
         SlideShow show;
         show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}});
-        QCOMPARE(show.slideLabel()->files(), m_files);
-        QCOMPARE(show.slideLabel()->currentImage(), m_files.first());
+        QCOMPARE(inspect(inspect(show).slideLabel()).files(), m_files);
+        QCOMPARE(inspect(inspect(show).slideLabel()).currentImage(), m_files.first());
 
         // An empty directory setting is the label's to report.
         m_recorder->clear();
         show.setProperty(QVariantMap{{imageDirectoryKey, QString()}});
         QCOMPARE(show.property().value(imageDirectoryKey), QVariant(QString()));
-        QVERIFY(show.slideLabel()->files().isEmpty());
+        QVERIFY(inspect(inspect(show).slideLabel()).files().isEmpty());
         // One QString streamed whole: quoted as a whole.
         QCOMPARE(m_recorder->texts(QtCriticalMsg),
             QStringList{QStringLiteral("\"SlideLabel: The specified directory () does not exist or does not contain image files.\"")});
@@ -491,11 +493,11 @@ private Q_SLOTS:
         QCOMPARE(layout->contentsMargins(), QMargins(0, 0, 0, 0));
         QCOMPARE(layout->spacing(), 0);
         QCOMPARE(layout->count(), 1);
-        QCOMPARE(layout->itemAt(0)->widget(), show.slideLabel());
+        QCOMPARE(layout->itemAt(0)->widget(), inspect(show).slideLabel());
         QCOMPARE(layout->stretch(0), 0);
         QCOMPARE(layout->itemAt(0)->alignment(), Qt::Alignment());
 
-        SlideLabel *label = show.slideLabel();
+        SlideLabel *label = inspect(show).slideLabel();
         QCOMPARE(label->parent(), &show);
         QCOMPARE(label->metaObject()->className(), "Dm::ScreenSaver::SlideLabel");
 
@@ -538,10 +540,10 @@ private Q_SLOTS:
         const QObjectList children = show.children();
         QCOMPARE(children.size(), 5);
         QVERIFY(qobject_cast<QHBoxLayout *>(children.at(0)));
-        QCOMPARE(children.at(1), static_cast<QObject *>(show.slideLabel()));
+        QCOMPARE(children.at(1), static_cast<QObject *>(inspect(show).slideLabel()));
         QVERIFY(qobject_cast<QGraphicsDropShadowEffect *>(children.at(2)));
         QVERIFY(qobject_cast<QGraphicsDropShadowEffect *>(children.at(3)));
-        QCOMPARE(children.at(4), static_cast<QObject *>(show.fadeAnimation()));
+        QCOMPARE(children.at(4), static_cast<QObject *>(inspect(show).fadeAnimation()));
     }
 
     void destructionDeletesTheLabelAndStopsItsThread()
@@ -549,9 +551,9 @@ private Q_SLOTS:
         TestUtils::setSlideShowDebugEnabled(true);
         auto *show = new SlideShow;
         show->setProperty(fastSettings(200));
-        QPointer<SlideLabel> label = show->slideLabel();
-        QPointer<QVariantAnimation> animation = show->fadeAnimation();
-        QPointer<ImageCacheWorker> worker = label->worker();
+        QPointer<SlideLabel> label = inspect(show).slideLabel();
+        QPointer<QVariantAnimation> animation = inspect(show).fadeAnimation();
+        QPointer<ImageCacheWorker> worker = inspect(label).worker();
         QPointer<QThread> thread = worker->thread();
         QVERIFY(thread);
         QVERIFY(thread != QThread::currentThread());
@@ -573,11 +575,11 @@ private Q_SLOTS:
     {
         auto *show = new SlideShow;
         show->setProperty(immediateSettings(5000));
-        QPointer<SlideLabel> label = show->slideLabel();
+        QPointer<SlideLabel> label = inspect(show).slideLabel();
         show->start();
-        QSignalSpy timeout(&show->switchTimer(), &QTimer::timeout);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         QVERIFY(timeout.wait(5000));
-        QCOMPARE(show->fadeAnimation()->state(), QAbstractAnimation::Running);
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Running);
         // Neither the timer nor the fade is stopped before destruction.
         delete show;
         QVERIFY(label.isNull());
@@ -592,28 +594,28 @@ private Q_SLOTS:
         show.show();
         QVERIFY(QTest::qWaitForWindowExposed(&show));
         show.setProperty(fastSettings(200));
-        SlideLabel *label = show.slideLabel();
-        QVariantAnimation *animation = show.fadeAnimation();
-        QCOMPARE(label->currentImage(), m_files.at(0));
-        QCOMPARE(label->previousImage(), m_files.at(2));
+        SlideLabel *label = inspect(show).slideLabel();
+        QVariantAnimation *animation = inspect(show).fadeAnimation();
+        QCOMPARE(inspect(label).currentImage(), m_files.at(0));
+        QCOMPARE(inspect(label).previousImage(), m_files.at(2));
         QCOMPARE(animation->duration(), 200);
 
         QList<FadeSample> samples;
         QObject context;
         connect(animation, &QVariantAnimation::valueChanged, &context, [&](const QVariant &value) {
-            samples.append(FadeSample{value.toDouble(), animation->currentTime(), label->currentOpacity()});
+            samples.append(FadeSample{value.toDouble(), animation->currentTime(), inspect(label).currentOpacity()});
         });
         // Connected after the screensaver's own handler, so this sees the
         // state right after the switch.
         double opacityAtSwitch = -1.0;
         QAbstractAnimation::State stateAtSwitch = QAbstractAnimation::Stopped;
         bool timerActiveAtSwitch = true;
-        connect(&show.switchTimer(), &QTimer::timeout, &context, [&]() {
-            opacityAtSwitch = label->currentOpacity();
+        connect(&inspect(show).switchTimer(), &QTimer::timeout, &context, [&]() {
+            opacityAtSwitch = inspect(label).currentOpacity();
             stateAtSwitch = animation->state();
-            timerActiveAtSwitch = show.switchTimer().isActive();
+            timerActiveAtSwitch = inspect(show).switchTimer().isActive();
         });
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         QSignalSpy finished(animation, &QAbstractAnimation::finished);
 
         QElapsedTimer elapsed;
@@ -624,8 +626,8 @@ private Q_SLOTS:
 
         // Fading: the label advanced and starts invisible, the timer waits
         // for the end of the fade.
-        QCOMPARE(label->currentImage(), m_files.at(1));
-        QCOMPARE(label->previousImage(), m_files.at(0));
+        QCOMPARE(inspect(label).currentImage(), m_files.at(1));
+        QCOMPARE(inspect(label).previousImage(), m_files.at(0));
         QCOMPARE(opacityAtSwitch, 0.0);
         QCOMPARE(stateAtSwitch, QAbstractAnimation::Running);
         QVERIFY(!timerActiveAtSwitch);
@@ -634,10 +636,10 @@ private Q_SLOTS:
         QCOMPARE(finished.count(), 1);
         QCOMPARE(timeout.count(), 1);
         // The end of the fade re-armed the timer for a whole interval.
-        QVERIFY(show.switchTimer().isActive());
-        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QVERIFY(inspect(show).switchTimer().isActive());
+        QVERIFY2(inspect(show).switchTimer().remainingTime() >= 900, qPrintable(QString::number(inspect(show).switchTimer().remainingTime())));
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
-        QCOMPARE(label->currentOpacity(), 1.0);
+        QCOMPARE(inspect(label).currentOpacity(), 1.0);
 
         // The animation reports changes only: the start value 0.0, which it
         // already held before this first fade, is not reported again.
@@ -657,7 +659,7 @@ private Q_SLOTS:
             QVERIFY2(qFuzzyCompare(1.0 + sample.labelOpacity, 1.0 + sample.value), where.constData());
         }
         show.stop();
-        QVERIFY(!show.switchTimer().isActive());
+        QVERIFY(!inspect(show).switchTimer().isActive());
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
     }
 
@@ -665,19 +667,19 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(immediateSettings(0));
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
-        QSignalSpy finished(show.fadeAnimation(), &QAbstractAnimation::finished);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
+        QSignalSpy finished(inspect(show).fadeAnimation(), &QAbstractAnimation::finished);
         show.start();
         QVERIFY(timeout.wait(5000));
         // The fade finished within the switch and armed the next wait.
         QCOMPARE(finished.count(), 1);
-        QCOMPARE(show.slideLabel()->currentImage(), m_files.at(1));
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
-        QCOMPARE(show.fadeAnimation()->currentValue(), QVariant(1.0));
+        QCOMPARE(inspect(inspect(show).slideLabel()).currentImage(), m_files.at(1));
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(inspect(show).fadeAnimation()->currentValue(), QVariant(1.0));
         // The new slide is shown at full weight at once, not left at the 0.0
         // that setNext gave it.
-        QCOMPARE(show.slideLabel()->currentOpacity(), 1.0);
-        QVERIFY(show.switchTimer().isActive());
+        QCOMPARE(inspect(inspect(show).slideLabel()).currentOpacity(), 1.0);
+        QVERIFY(inspect(show).switchTimer().isActive());
         show.stop();
     }
 
@@ -685,24 +687,24 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 0}, {effectKey, 20}});
-        QCOMPARE(show.switchTimer().interval(), 0);
-        QSignalSpy finished(show.fadeAnimation(), &QAbstractAnimation::finished);
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QCOMPARE(inspect(show).switchTimer().interval(), 0);
+        QSignalSpy finished(inspect(show).fadeAnimation(), &QAbstractAnimation::finished);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 3, 10000);
         show.stop();
         // Three fades and three switches: round the circle back to the first.
         QVERIFY(timeout.count() >= 3);
-        QCOMPARE(show.slideLabel()->currentFileIndex(), timeout.count() % 3);
-        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(inspect(inspect(show).slideLabel()).currentFileIndex(), timeout.count() % 3);
+        QVERIFY(!inspect(show).switchTimer().isActive());
     }
 
     void stopDuringFadeKeepsThePartialOpacity()
     {
         SlideShow show;
         show.setProperty(fastSettings(1000));
-        SlideLabel *label = show.slideLabel();
-        QVariantAnimation *animation = show.fadeAnimation();
+        SlideLabel *label = inspect(show).slideLabel();
+        QVariantAnimation *animation = inspect(show).fadeAnimation();
 
         // Stop from inside the fade, at its first value strictly between
         // the ends, so the partial state does not depend on timing.
@@ -716,22 +718,22 @@ private Q_SLOTS:
             }
         });
         QSignalSpy finished(animation, &QAbstractAnimation::finished);
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QVERIFY(timeout.wait(5000));
         QTRY_VERIFY_WITH_TIMEOUT(stoppedAt > 0.0, 5000);
 
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
-        QVERIFY(!show.switchTimer().isActive());
+        QVERIFY(!inspect(show).switchTimer().isActive());
         QVERIFY(finished.isEmpty());
-        QCOMPARE(label->currentImage(), m_files.at(1));
-        QVERIFY(label->currentOpacity() > 0.0);
-        QVERIFY(label->currentOpacity() < 1.0);
-        QCOMPARE(label->currentOpacity(), stoppedAt);
+        QCOMPARE(inspect(label).currentImage(), m_files.at(1));
+        QVERIFY(inspect(label).currentOpacity() > 0.0);
+        QVERIFY(inspect(label).currentOpacity() < 1.0);
+        QCOMPARE(inspect(label).currentOpacity(), stoppedAt);
 
         // Idle: nothing moves on its own.
         QTest::qWait(200);
-        QCOMPARE(label->currentOpacity(), stoppedAt);
+        QCOMPARE(inspect(label).currentOpacity(), stoppedAt);
         QCOMPARE(timeout.count(), 1);
         QVERIFY(finished.isEmpty());
 
@@ -740,14 +742,14 @@ private Q_SLOTS:
         QElapsedTimer elapsed;
         elapsed.start();
         show.start();
-        QVERIFY(show.switchTimer().isActive());
-        QVERIFY2(show.switchTimer().remainingTime() >= 900, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QVERIFY(inspect(show).switchTimer().isActive());
+        QVERIFY2(inspect(show).switchTimer().remainingTime() >= 900, qPrintable(QString::number(inspect(show).switchTimer().remainingTime())));
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
-        QCOMPARE(label->currentOpacity(), stoppedAt);
+        QCOMPARE(inspect(label).currentOpacity(), stoppedAt);
         QVERIFY(timeout.wait(5000));
         QVERIFY2(elapsed.elapsed() >= 900, qPrintable(QString::number(elapsed.elapsed())));
         QCOMPARE(timeout.count(), 2);
-        QCOMPARE(label->currentImage(), m_files.at(2));
+        QCOMPARE(inspect(label).currentImage(), m_files.at(2));
         QCOMPARE(animation->state(), QAbstractAnimation::Running);
         show.stop();
     }
@@ -756,7 +758,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(fastSettings(200));
-        const QTimer &timer = show.switchTimer();
+        const QTimer &timer = inspect(show).switchTimer();
         QSignalSpy timeout(&timer, &QTimer::timeout);
 
         show.start();
@@ -779,46 +781,46 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(immediateSettings(3000));
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QVERIFY(timeout.wait(5000));
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
-        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Running);
+        QVERIFY(!inspect(show).switchTimer().isActive());
 
         // Waiting and fading at once; the fade goes on.
         show.start();
-        QVERIFY(show.switchTimer().isActive());
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+        QVERIFY(inspect(show).switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Running);
         show.stop();
-        QVERIFY(!show.switchTimer().isActive());
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Stopped);
+        QVERIFY(!inspect(show).switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Stopped);
     }
 
     void setPropertyRestartsNothing()
     {
         SlideShow show;
         show.setProperty(immediateSettings(3000));
-        QSignalSpy timeout(&show.switchTimer(), &QTimer::timeout);
+        QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QVERIFY(timeout.wait(5000));
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Running);
 
         // A running fade goes on with its new duration.
         QVariantMap settings = fastSettings(4000);
         settings.insert(autoSwitchKey, 3);
         show.setProperty(settings);
-        QCOMPARE(show.fadeAnimation()->state(), QAbstractAnimation::Running);
-        QCOMPARE(show.fadeAnimation()->duration(), 4000);
-        QVERIFY(!show.switchTimer().isActive());
+        QCOMPARE(inspect(show).fadeAnimation()->state(), QAbstractAnimation::Running);
+        QCOMPARE(inspect(show).fadeAnimation()->duration(), 4000);
+        QVERIFY(!inspect(show).switchTimer().isActive());
         show.stop();
 
         // A waiting timer keeps waiting, now with the new interval.
         show.start();
         settings.insert(autoSwitchKey, 2);
         show.setProperty(settings);
-        QVERIFY(show.switchTimer().isActive());
-        QCOMPARE(show.switchTimer().interval(), 2000);
-        QVERIFY2(show.switchTimer().remainingTime() > 1000, qPrintable(QString::number(show.switchTimer().remainingTime())));
+        QVERIFY(inspect(show).switchTimer().isActive());
+        QCOMPARE(inspect(show).switchTimer().interval(), 2000);
+        QVERIFY2(inspect(show).switchTimer().remainingTime() > 1000, qPrintable(QString::number(inspect(show).switchTimer().remainingTime())));
         show.stop();
     }
 };

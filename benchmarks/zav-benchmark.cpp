@@ -29,9 +29,12 @@
 //   zav-benchmark [--quick] [--runs N] [--sections 1234] [--photos DIR [--only-photos]]
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "imagemetrics.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 
 #include <QAbstractAnimation>
 #include <QApplication>
@@ -200,29 +203,29 @@ QRect deviceRect(const SlideLabel *label)
 
 bool isCached(const SlideLabel *label, const QString &path)
 {
-    return !label->worker()->getCachedImage(path, deviceRect(label), label->devicePixelRatioF(), label->fittingMode()).isNull();
+    return !inspect(label).worker()->getCachedImage(path, deviceRect(label), label->devicePixelRatioF(), inspect(label).fittingMode()).isNull();
 }
 
 bool workerIdle(const SlideLabel *label)
 {
-    return label->worker()->snapshot().pendingRequests.isEmpty();
+    return snapshotOf(inspect(label).worker()).pendingRequests.isEmpty();
 }
 
 QString nextImage(const SlideLabel *label)
 {
-    const QStringList &files = label->files();
-    return files.at((label->currentFileIndex() + 1) % files.size());
+    const QStringList &files = inspect(label).files();
+    return files.at((inspect(label).currentFileIndex() + 1) % files.size());
 }
 
 // Current, next and, when it was asked for, previous slide ready at the
 // label's size, and nothing left to do.
 bool slidesReady(const SlideLabel *label, bool withPrevious)
 {
-    if (label->files().isEmpty()) {
+    if (inspect(label).files().isEmpty()) {
         return false;
     }
-    return workerIdle(label) && isCached(label, label->currentImage()) && isCached(label, nextImage(label))
-        && (!withPrevious || isCached(label, label->previousImage()));
+    return workerIdle(label) && isCached(label, inspect(label).currentImage()) && isCached(label, nextImage(label))
+        && (!withPrevious || isCached(label, inspect(label).previousImage()));
 }
 
 void waitForSlides(const SlideLabel *label, bool withPrevious, const char *what)
@@ -299,7 +302,8 @@ public:
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override
     {
-        if (!armed || watched != label || event->type() != QEvent::Paint || label->files().isEmpty() || !isCached(label, label->currentImage())) {
+        if (!armed || watched != label || event->type() != QEvent::Paint || inspect(label).files().isEmpty()
+            || !isCached(label, inspect(label).currentImage())) {
             return false;
         }
         armed = false;
@@ -545,7 +549,8 @@ void benchmarkPaint(const QString &twoImagesDir, const QList<QSize> &targets, in
         }
         label.setDir(twoImagesDir);
         label.setNext();
-        if (!waitUntil([&]() { return workerIdle(&label) && isCached(&label, label.currentImage()) && isCached(&label, label.previousImage()); })) {
+        if (!waitUntil(
+                [&]() { return workerIdle(&label) && isCached(&label, inspect(label).currentImage()) && isCached(&label, inspect(label).previousImage()); })) {
             fail(QStringLiteral("the two slides were not ready in time"));
         }
         label.setOpacity(0.37);
@@ -667,7 +672,7 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     show.setProperty(settings);
     show.resize(1920, 1080);
     show.show();
-    SlideLabel *label = show.slideLabel();
+    SlideLabel *label = inspect(show).slideLabel();
     waitUntil([&]() { return label->size() == QSize(1920, 1080); });
     runEventLoopFor(100);
 
@@ -685,7 +690,8 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     // top-level window may learn of its new size only after resize() returns.
     QSize expectedSize(1920, 1080);
     const auto ready = [&](bool withPrevious, const char *what) {
-        if (!waitUntil([&]() { return label->size() == expectedSize && (label->files().isEmpty() ? workerIdle(label) : slidesReady(label, withPrevious)); })) {
+        if (!waitUntil(
+                [&]() { return label->size() == expectedSize && (inspect(label).files().isEmpty() ? workerIdle(label) : slidesReady(label, withPrevious)); })) {
             fail(QStringLiteral("the slides were not ready in time after %1").arg(QLatin1String(what)));
         }
     };
@@ -729,7 +735,7 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     // first each switch asks for a look-ahead image that the worker then
     // prepares during the fade, as in a real show; once the show has gone
     // round the folder all of it is cached, and the fade only paints.
-    QVariantAnimation *animation = show.fadeAnimation();
+    QVariantAnimation *animation = inspect(show).fadeAnimation();
     PaintCounter paints;
     label->installEventFilter(&paints);
     const auto measureFades = [&](const char *what) {
@@ -759,12 +765,12 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     measureFades("fade (500 ms), worker preparing next");
     // Round the folder once more, so that every image is cached (the folder
     // has fewer images than the cache holds).
-    for (int i = 0; i < label->files().size(); ++i) {
+    for (int i = 0; i < inspect(label).files().size(); ++i) {
         waitForSlides(label, false, "a switch");
         label->setNext();
     }
     waitForSlides(label, false, "the last switch");
-    for (const QString &file : label->files()) {
+    for (const QString &file : inspect(label).files()) {
         if (!isCached(label, file)) {
             fail(QStringLiteral("%1 is not cached after a round").arg(file));
         }
@@ -779,7 +785,8 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     };
     measure("resize (1920x1080 <-> 1600x900), idle", false, true, resize);
     measure("resize, worker busy", true, true, resize);
-    const auto setMode = [&]() { label->setPosition(label->fittingMode() == Dm::ScreenSaver::Crop ? Dm::ScreenSaver::Stretch : Dm::ScreenSaver::Crop); };
+    const auto setMode
+        = [&]() { label->setPosition(inspect(label).fittingMode() == Dm::ScreenSaver::Crop ? Dm::ScreenSaver::Stretch : Dm::ScreenSaver::Crop); };
     measure("fitting mode (Crop <-> Stretch), idle", false, true, setMode);
     measure("fitting mode, worker busy", true, true, setMode);
 
@@ -809,9 +816,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
         for (int run = 0; run < runs; ++run) {
             progress(QStringLiteral("stall: %1 %2/%3").arg(QLatin1String(what)).arg(run + 1).arg(runs));
             ready(withPrevious, what);
-            const int started = label->worker()->snapshot().preparationsStarted;
-            label->worker()->requestProcessImage(pipe, QRect(QPoint(0, 0), expectedSize), 1.0, int(label->fittingMode()));
-            if (!waitUntil([&]() { return label->worker()->snapshot().preparationsStarted > started; })) {
+            const int started = snapshotOf(inspect(label).worker()).preparationsStarted;
+            inspect(label).worker()->requestProcessImage(pipe, QRect(QPoint(0, 0), expectedSize), 1.0, int(inspect(label).fittingMode()));
+            if (!waitUntil([&]() { return snapshotOf(inspect(label).worker()).preparationsStarted > started; })) {
                 fail(QStringLiteral("the worker did not start on the pipe"));
             }
             runEventLoopFor(50);
@@ -845,7 +852,7 @@ void benchmarkFirstSlide(const QList<QPair<QString, QString>> &folders, int runs
     SlideShow show;
     show.resize(1920, 1080);
     show.show();
-    SlideLabel *label = show.slideLabel();
+    SlideLabel *label = inspect(show).slideLabel();
     waitUntil([&]() { return label->size() == QSize(1920, 1080); });
     runEventLoopFor(100);
     FirstSlidePaint watcher(label);

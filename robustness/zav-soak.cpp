@@ -18,8 +18,11 @@
 //   zav-soak [--switches 10000] [--sample-every N] [--warmup-samples 2] [--tolerance 5]
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "slidelabel/slidelabel.h"
+#include "slidelabel/slidelabel_p.h"
 #include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 
 #include <QAbstractAnimation>
 #include <QApplication>
@@ -159,7 +162,7 @@ int main(int argc, char **argv)
     // A fixed seed: two runs make the same fades.
     QRandomGenerator random(20260101);
     int switches = 0;
-    QVariantAnimation *fade = show->fadeAnimation();
+    QVariantAnimation *fade = inspect(show).fadeAnimation();
     QObject::connect(fade, &QAbstractAnimation::stateChanged, &window, [&switches](QAbstractAnimation::State state) {
         if (state == QAbstractAnimation::Running) {
             ++switches;
@@ -180,10 +183,10 @@ int main(int argc, char **argv)
         // At a quiet moment: while the worker decodes, the image file it
         // reads is one more open descriptor. The queue drains without the
         // GUI thread, which makes no new request while it waits here.
-        Dm::ScreenSaver::ImageCacheWorker *worker = show->slideLabel()->worker();
+        Dm::ScreenSaver::ImageCacheWorker *worker = inspect(inspect(show).slideLabel()).worker();
         QElapsedTimer quiet;
         quiet.start();
-        while (!worker->snapshot().pendingRequests.isEmpty() && quiet.elapsed() < 10000) {
+        while (!snapshotOf(worker).pendingRequests.isEmpty() && quiet.elapsed() < 10000) {
             QThread::msleep(1);
         }
         samples.push_back(Sample{switches,

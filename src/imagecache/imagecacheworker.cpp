@@ -8,6 +8,7 @@
 // fitted to the screen is in imagepreparation.cpp.
 
 #include "imagecache/imagecacheworker.h"
+#include "imagecache/imagecacheworker_p.h"
 
 #include "plugin/slideshowconstants.h"
 
@@ -311,10 +312,11 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
     return pixmap;
 }
 
-ImageCacheWorker::Snapshot ImageCacheWorker::snapshot() const
+WorkerSnapshot ImageCacheWorkerAccess::snapshot(const ImageCacheWorker *worker)
 {
-    std::lock_guard<std::mutex> locker(mutex);
-    Snapshot snapshot{cache.keys(), cacheOrder, pendingRequests, generation.load(), cacheCapacity, preparationsStarted};
+    std::lock_guard<std::mutex> locker(worker->mutex);
+    WorkerSnapshot snapshot{
+        worker->cache.keys(), worker->cacheOrder, worker->pendingRequests, worker->generation.load(), worker->cacheCapacity, worker->preparationsStarted};
     // Deep copies, made under the lock: an implicitly shared copy would be
     // read by the caller while the worker changes the original in place.
     snapshot.cacheOrder.detach();

@@ -70,17 +70,6 @@ public:
     static constexpr int preparationBudget = 10000;
     static constexpr int preparationTimeLimit = 60000;
 
-    // What the containers hold at one moment, for diagnostics and tests.
-    struct Snapshot {
-        QStringList cachedPaths;
-        QList<QString> cacheOrder;
-        QSet<QString> pendingRequests;
-        quint64 generation = 0;
-        int capacity = maxCacheSize;
-        // How many files the worker's thread has begun to read.
-        int preparationsStarted = 0;
-    };
-
     // Records a request and hands it to the worker's thread; true only when a
     // new request was queued. An image already cached at the geometry's size
     // is announced at once, in the calling thread. Never waits for the image
@@ -108,8 +97,6 @@ public:
 
     bool isValidGeometry(const QRect &geometry);
     QString getRequestKey(const QString &path, const QRect &geometry);
-
-    Snapshot snapshot() const;
 
     // No image whose decoding would allocate more than this (64 Mi pixels of
     // 32 bits), counted from its header after the reader's own reduction and
@@ -147,6 +134,10 @@ private Q_SLOTS:
     void processImageInternal(const QString &path, const QRect &screenGeom, qreal devicePixelRatio, int position, quint64 generation);
 
 private:
+    // Tests and tools read the containers through ImageCacheWorkerAccess
+    // (imagecacheworker_p.h).
+    friend class ImageCacheWorkerAccess;
+
     // cachedImage, ended early (a null pixmap, no warning) once unwanted
     // returns true; unwanted is asked between small reads of the file.
     QPixmap prepareImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position, const std::function<bool()> &unwanted) const;

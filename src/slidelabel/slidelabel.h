@@ -43,36 +43,6 @@ public:
     // The weight of the current slide; the previous one gets 1 minus it.
     void setOpacity(double value);
 
-    // Read-only views of the sequence, for the screensaver's tools and tests.
-    const QStringList &files() const
-    {
-        return imageFiles;
-    }
-    int currentFileIndex() const
-    {
-        return currentIndex;
-    }
-    const QString &currentImage() const
-    {
-        return currentKey;
-    }
-    const QString &previousImage() const
-    {
-        return previousKey;
-    }
-    double currentOpacity() const
-    {
-        return opacity;
-    }
-    Position fittingMode() const
-    {
-        return position;
-    }
-    ImageCacheWorker *worker() const
-    {
-        return cacheWorker;
-    }
-
 protected:
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
@@ -81,6 +51,9 @@ private Q_SLOTS:
     void handleImageCached(const QString &path, const QPixmap &pixmap);
 
 private:
+    // Tests and tools read the state through SlideLabelAccess (slidelabel_p.h).
+    friend class SlideLabelAccess;
+
     void requestImageCache(const QString &path);
     void shutdownCacheThread();
     // The rectangle by which images are requested and looked up: the label's

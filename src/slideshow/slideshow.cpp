@@ -4,6 +4,7 @@
 */
 
 #include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 
 #include "plugin/slideshowconstants.h"
 #include "settings/slideshowsettingswidget.h"
@@ -182,19 +183,19 @@ AbstractSettingDialog *SlideShow::settingWidget()
     return d->settingWidget;
 }
 
-SlideLabel *SlideShow::slideLabel() const
+SlideLabel *SlideShowAccess::slideLabel() const
 {
-    return d->label;
+    return m_show->d->label;
 }
 
-QVariantAnimation *SlideShow::fadeAnimation() const
+QVariantAnimation *SlideShowAccess::fadeAnimation() const
 {
-    return d->animation;
+    return m_show->d->animation;
 }
 
-const QTimer &SlideShow::switchTimer() const
+const QTimer &SlideShowAccess::switchTimer() const
 {
-    return d->timer;
+    return m_show->d->timer;
 }
 }
 }

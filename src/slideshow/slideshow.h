@@ -12,9 +12,6 @@
 
 #include <memory>
 
-class QTimer;
-class QVariantAnimation;
-
 namespace Dm
 {
 namespace ScreenSaver
@@ -50,15 +47,12 @@ public:
     // order: interval, fade, directory, fitting mode.
     void updateProperty(QVariantMap property);
 
-    // The parts the screensaver drives, for hosts' tools and tests.
-    SlideLabel *slideLabel() const;
-    QVariantAnimation *fadeAnimation() const;
-    const QTimer &switchTimer() const;
-
     using AbstractScreenSaver::property;
     using AbstractScreenSaver::setProperty;
 
 private:
+    // Tests and tools reach the parts through SlideShowAccess (slideshow_p.h).
+    friend class SlideShowAccess;
     class Private;
     // Destroyed after the destructor's body (which deletes the dialog) and
     // before the QWidget base deletes the children.
