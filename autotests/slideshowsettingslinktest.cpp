@@ -3,6 +3,7 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
+#include "dialogtesthelpers.h"
 #include "settings/slideshowsettingswidget.h"
 #include "slideshow/slideshow.h"
 #include "slideshow/slideshow_p.h"
@@ -35,6 +36,7 @@ namespace
 {
 using TestUtils::settingsMap;
 using TestUtils::translated;
+using namespace DialogTest;
 
 const QString directoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
@@ -44,50 +46,6 @@ const QString positionKey = QStringLiteral("Position");
 QString logText(const char *leading, const QVariantMap &map)
 {
     return TestUtils::mapLogText(leading, map);
-}
-
-struct DialogControls {
-    QLineEdit *directory = nullptr;
-    QSpinBox *autoSwitch = nullptr;
-    QComboBox *effect = nullptr;
-    QComboBox *position = nullptr;
-    QPushButton *ok = nullptr;
-
-    bool complete() const
-    {
-        return directory && autoSwitch && effect && position && ok;
-    }
-};
-
-// The dialog's controls, found through its widget tree.
-DialogControls controlsOf(QDialog *dialog)
-{
-    DialogControls c;
-    const QList<QGroupBox *> groups = dialog->findChildren<QGroupBox *>(QString(), Qt::FindDirectChildrenOnly);
-    for (QGroupBox *group : groups) {
-        if (group->title() == translated("Image Directory")) {
-            c.directory = group->findChild<QLineEdit *>(QString(), Qt::FindDirectChildrenOnly);
-        } else if (group->title() == translated("Animation")) {
-            c.autoSwitch = group->findChild<QSpinBox *>(QString(), Qt::FindDirectChildrenOnly);
-            c.effect = group->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-        } else if (group->title() == translated("Position")) {
-            c.position = group->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-        }
-    }
-    if (auto *buttonBox = dialog->findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"))) {
-        c.ok = buttonBox->button(QDialogButtonBox::Ok);
-    }
-    return c;
-}
-
-// Moves a combo box to an item the way a user does with the keyboard.
-void chooseWithKeyboard(QComboBox *box, int index)
-{
-    box->setFocus();
-    QTest::keyClick(box, Qt::Key_Home);
-    for (int i = 0; i < index; ++i) {
-        QTest::keyClick(box, Qt::Key_Down);
-    }
 }
 }
 
@@ -188,7 +146,7 @@ private Q_SLOTS:
         auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
         QVERIFY(dialog);
         QCOMPARE(dialog->property(), screensaver.property());
-        const DialogControls c = controlsOf(dialog);
+        const Controls c = controlsOf(dialog);
         QVERIFY(c.complete());
         QCOMPARE(c.directory->text(), m_second);
         QCOMPARE(c.autoSwitch->value(), 9);
@@ -220,7 +178,7 @@ private Q_SLOTS:
             });
         }
         QVERIFY(showDialog(dialog));
-        const DialogControls c = controlsOf(dialog);
+        const Controls c = controlsOf(dialog);
         QVERIFY(c.complete());
         QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
 
@@ -275,7 +233,7 @@ private Q_SLOTS:
         auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
         QVERIFY(dialog);
         QVERIFY(showDialog(dialog));
-        const DialogControls c = controlsOf(dialog);
+        const Controls c = controlsOf(dialog);
         QVERIFY(c.complete());
         QCOMPARE(c.effect->currentText(), translated("None"));
         QCOMPARE(c.position->currentText(), translated("Center"));

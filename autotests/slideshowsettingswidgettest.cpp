@@ -4,6 +4,7 @@
 */
 
 #include "settings/slideshowsettingswidget.h"
+#include "dialogtesthelpers.h"
 #include "settings/slideshowsettingswidget_p.h"
 #include "testutils.h"
 
@@ -43,6 +44,7 @@ namespace
 {
 using TestUtils::settingsMap;
 using TestUtils::translated;
+using namespace DialogTest;
 
 const QString directoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
@@ -55,15 +57,6 @@ QString loadedLogText(const QVariantMap &map)
     return TestUtils::mapLogText("SlideShow Widget set property:", map);
 }
 
-QStringList itemTexts(const QComboBox *box)
-{
-    QStringList texts;
-    for (int i = 0; i < box->count(); ++i) {
-        texts.append(box->itemText(i));
-    }
-    return texts;
-}
-
 QStringList translatedKeys(const QMap<QString, Data> &table)
 {
     QStringList texts;
@@ -72,93 +65,6 @@ QStringList translatedKeys(const QMap<QString, Data> &table)
         texts.append(translated(key.toLatin1().constData()));
     }
     return texts;
-}
-
-// The dialog's controls, found through its widget tree.
-struct Controls {
-    QVBoxLayout *mainLayout = nullptr;
-    QGroupBox *directoryGroup = nullptr;
-    QGroupBox *animationGroup = nullptr;
-    QGroupBox *positionGroup = nullptr;
-    QLineEdit *directory = nullptr;
-    QPushButton *open = nullptr;
-    QLabel *autoSwitchLabel = nullptr;
-    QSpinBox *autoSwitch = nullptr;
-    QLabel *effectLabel = nullptr;
-    QComboBox *effect = nullptr;
-    QComboBox *position = nullptr;
-    QDialogButtonBox *buttonBox = nullptr;
-    QPushButton *ok = nullptr;
-    QPushButton *cancel = nullptr;
-
-    bool complete() const
-    {
-        return mainLayout && directoryGroup && animationGroup && positionGroup && directory && open && autoSwitchLabel && autoSwitch && effectLabel && effect
-            && position && buttonBox && ok && cancel;
-    }
-};
-
-Controls controlsOf(QDialog *dialog)
-{
-    Controls c;
-    c.mainLayout = qobject_cast<QVBoxLayout *>(dialog->layout());
-    const QList<QGroupBox *> groups = dialog->findChildren<QGroupBox *>(QString(), Qt::FindDirectChildrenOnly);
-    for (QGroupBox *group : groups) {
-        if (group->title() == translated("Image Directory")) {
-            c.directoryGroup = group;
-        } else if (group->title() == translated("Animation")) {
-            c.animationGroup = group;
-        } else if (group->title() == translated("Position")) {
-            c.positionGroup = group;
-        }
-    }
-    if (c.directoryGroup) {
-        c.directory = c.directoryGroup->findChild<QLineEdit *>(QString(), Qt::FindDirectChildrenOnly);
-        c.open = c.directoryGroup->findChild<QPushButton *>(QString(), Qt::FindDirectChildrenOnly);
-    }
-    if (c.animationGroup) {
-        const QList<QLabel *> labels = c.animationGroup->findChildren<QLabel *>(QString(), Qt::FindDirectChildrenOnly);
-        for (QLabel *label : labels) {
-            if (label->text() == translated("Auto-Switch Images")) {
-                c.autoSwitchLabel = label;
-            } else if (label->text() == translated("Effect")) {
-                c.effectLabel = label;
-            }
-        }
-        c.autoSwitch = c.animationGroup->findChild<QSpinBox *>(QString(), Qt::FindDirectChildrenOnly);
-        c.effect = c.animationGroup->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-    }
-    if (c.positionGroup) {
-        c.position = c.positionGroup->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-    }
-    c.buttonBox = dialog->findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"), Qt::FindDirectChildrenOnly);
-    if (c.buttonBox) {
-        c.ok = c.buttonBox->button(QDialogButtonBox::Ok);
-        c.cancel = c.buttonBox->button(QDialogButtonBox::Cancel);
-    }
-    return c;
-}
-
-// Moves a combo box to an item the way a user does with the keyboard: Home,
-// then Down as often as needed.
-void chooseWithKeyboard(QComboBox *box, int index)
-{
-    box->setFocus();
-    QTest::keyClick(box, Qt::Key_Home);
-    for (int i = 0; i < index; ++i) {
-        QTest::keyClick(box, Qt::Key_Down);
-    }
-}
-
-// Replaces the text of a line edit (or of a spin box's editor) by typing.
-void retype(QWidget *editor, const QString &text)
-{
-    editor->setFocus();
-    QTest::keyClick(editor, Qt::Key_A, Qt::ControlModifier);
-    QTest::keyClick(editor, Qt::Key_Backspace);
-    if (!text.isEmpty()) {
-        QTest::keyClicks(editor, text);
-    }
 }
 
 // A message box or file dialog runs its own event loop, so the code that

@@ -8,6 +8,7 @@
 // choice boxes keep the order of their English keys, which is not the order
 // of the Russian words.
 
+#include "dialogtesthelpers.h"
 #include "settings/slideshowsettingswidget.h"
 #include "slideshow/slideshow.h"
 
@@ -27,18 +28,7 @@
 #include <clocale>
 
 using namespace Dm::ScreenSaver;
-
-namespace
-{
-QStringList itemTexts(const QComboBox *box)
-{
-    QStringList texts;
-    for (int i = 0; i < box->count(); ++i) {
-        texts.append(box->itemText(i));
-    }
-    return texts;
-}
-}
+using DialogTest::itemTexts;
 
 class TranslationTest : public QObject
 {
