@@ -408,7 +408,7 @@ private Q_SLOTS:
         QTest::addColumn<int>("position");
         QTest::addColumn<double>("ratio");
         QTest::addColumn<QSize>("imageSize");
-        for (const QByteArray format : {QByteArray("jpg"), QByteArray("png")}) {
+        for (const QByteArray &format : {QByteArray("jpg"), QByteArray("png")}) {
             const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"unknown mode", 7}};
             for (const auto &mode : modes) {
                 for (double ratio : {1.0, 1.5, 2.0}) {

@@ -126,11 +126,6 @@ QString unescaped(const QString &text)
     return result;
 }
 
-bool runningAsRoot()
-{
-    return ::geteuid() == 0;
-}
-
 // What one kind of input needs and what its run must show.
 struct Run {
     QString dir; // the temporary folder of the row
