@@ -79,9 +79,9 @@ struct Host {
         });
         window.show();
         show->setProperty({{QStringLiteral("ImageDirectory"), dir},
-            {QStringLiteral("AutoSwitch"), autoSwitch},
-            {QStringLiteral("Effect"), effect},
-            {QStringLiteral("Position"), int(Crop)}});
+                           {QStringLiteral("AutoSwitch"), autoSwitch},
+                           {QStringLiteral("Effect"), effect},
+                           {QStringLiteral("Position"), int(Crop)}});
     }
 
     SlideLabel *label() const
@@ -133,8 +133,8 @@ private:
     static QStringList writeThree(const QString &dir)
     {
         return {TestUtils::writeSolidImage(dir, QStringLiteral("a.png"), QSize(64, 48), red),
-            TestUtils::writeSolidImage(dir, QStringLiteral("b.png"), QSize(64, 48), green),
-            TestUtils::writeSolidImage(dir, QStringLiteral("c.png"), QSize(64, 48), blue)};
+                TestUtils::writeSolidImage(dir, QStringLiteral("b.png"), QSize(64, 48), green),
+                TestUtils::writeSolidImage(dir, QStringLiteral("c.png"), QSize(64, 48), blue)};
     }
 
     // A show of the three images (a, b, c) with its first slide on screen,
@@ -160,7 +160,11 @@ private:
         show.paths = writeThree(show.dir.path());
         show.host = std::make_unique<Host>(show.dir.path());
         // The first slide is shown: the worker has prepared it.
-        if (!QTest::qWaitFor([&show] { return TestUtils::fuzzyColor(show.host->centre(), red, 1); }, slowTimeout)) {
+        if (!QTest::qWaitFor(
+                [&show] {
+                    return TestUtils::fuzzyColor(show.host->centre(), red, 1);
+                },
+                slowTimeout)) {
             return false;
         }
         return QFile::remove(show.paths.at(2)) && ::mkfifo(show.pipe().constData(), 0644) == 0;
@@ -332,7 +336,8 @@ private Q_SLOTS:
         QVERIFY(QDir(dirPath).removeRecursively());
         host.show->setProperty(host.show->property());
         QCOMPARE(
-            recorder.count(quoted(QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dirPath))), 1);
+            recorder.count(quoted(QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dirPath))),
+            1);
         QVERIFY(inspect(host.label()).files().isEmpty());
         QVERIFY(QDir().mkpath(dirPath));
         TestUtils::writeSolidImage(dirPath, QStringLiteral("z.png"), QSize(64, 48), green);

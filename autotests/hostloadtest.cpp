@@ -132,7 +132,7 @@ private Q_SLOTS:
         QCOMPARE(screenSaver->settingGroupName(), QStringLiteral("SlideShow"));
         const QVariantMap defaults = screenSaver->defaultProperty();
         QCOMPARE(defaults.keys(),
-            (QStringList{QStringLiteral("AutoSwitch"), QStringLiteral("Effect"), QStringLiteral("ImageDirectory"), QStringLiteral("Position")}));
+                 (QStringList{QStringLiteral("AutoSwitch"), QStringLiteral("Effect"), QStringLiteral("ImageDirectory"), QStringLiteral("Position")}));
         QCOMPARE(screenSaver->property(), defaults);
 
         const QVariantMap settings{

@@ -157,14 +157,14 @@ private Q_SLOTS:
         QCOMPARE(snapshot.cachedPaths, QStringList{m_second});
         QVERIFY(snapshot.pendingRequests.isEmpty());
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(pipe)),
-                debug(internalLine(pipe)),
-                debug(initiatedLine),
-                debug(cleanedLine),
-                debug(settingLine(m_second)),
-                debug(droppedLine(pipe)),
-                debug(internalLine(m_second)),
-                debug(QStringLiteral("ImageCacheWorker: The current size of the cache: 1 . Cache order size: 1"))}));
+                    (QList<LogEntry>{debug(settingLine(pipe)),
+                                     debug(internalLine(pipe)),
+                                     debug(initiatedLine),
+                                     debug(cleanedLine),
+                                     debug(settingLine(m_second)),
+                                     debug(droppedLine(pipe)),
+                                     debug(internalLine(m_second)),
+                                     debug(QStringLiteral("ImageCacheWorker: The current size of the cache: 1 . Cache order size: 1"))}));
         recording.reset();
         qInfo("the clearing returned after %lld ms while the worker hung", clearing);
     }
@@ -187,12 +187,20 @@ private Q_SLOTS:
         QVERIFY(worker->requestProcessImage(pipe, screen, 1.0, Crop));
         SlowFeeder feeder(QFile::encodeName(pipe), png, 100, 100);
         // Once the worker is reading, a clearing makes its work outdated.
-        QVERIFY(QTest::qWaitFor([&feeder] { return feeder.started(); }, asyncTimeout));
+        QVERIFY(QTest::qWaitFor(
+            [&feeder] {
+                return feeder.started();
+            },
+            asyncTimeout));
         QTest::qWait(300);
         const qint64 clearedAt = millisecondsSince(feeder.startTime());
         worker->clearAllCacheData();
 
-        QVERIFY(QTest::qWaitFor([&feeder] { return feeder.readerLeft(); }, asyncTimeout));
+        QVERIFY(QTest::qWaitFor(
+            [&feeder] {
+                return feeder.readerLeft();
+            },
+            asyncTimeout));
         const qint64 afterClearing = feeder.readerLeftAt() - clearedAt;
         // The file would have taken 10 s; the reader left within a second or
         // so of the clearing (a wide margin for loaded machines).
@@ -218,7 +226,11 @@ private Q_SLOTS:
         QElapsedTimer timer;
         timer.start();
         QVERIFY(fixture.request(path, screen));
-        QVERIFY(QTest::qWaitFor([&fixture] { return fixture.receiver.reports.size() >= 1; }, 120000));
+        QVERIFY(QTest::qWaitFor(
+            [&fixture] {
+                return fixture.receiver.reports.size() >= 1;
+            },
+            120000));
         const qint64 elapsed = timer.elapsed();
         // The budget is 10 s of the worker's processor time, so at least as
         // long on the clock; what follows it (the decoder finishing on the
@@ -235,7 +247,8 @@ private Q_SLOTS:
         const QImage shown = report.pixmap.toImage();
         QCOMPARE(shown.pixel(10, 10), qRgb(0, 0, 0));
         QCOMPARE(shown.pixel(150, 100), qRgb(0, 0, 0));
-        QCOMPARE(recorder.texts(QtWarningMsg),
+        QCOMPARE(
+            recorder.texts(QtWarningMsg),
             (QStringList{
                 QStringLiteral("ImageCacheWorker: Reading and decoding took more than 10000 ms of processor time or 60000 ms in all, the image is given up: ")
                     + quoted(path),

@@ -60,7 +60,8 @@ inline QString describe(const QList<TestUtils::LogEntry> &entries)
     do {                                                                                                                                                       \
         const QList<TestUtils::LogEntry> actualEntries = (recorder).slideShowEntries();                                                                        \
         const QList<TestUtils::LogEntry> expectedEntries = __VA_ARGS__;                                                                                        \
-        QVERIFY2(actualEntries == expectedEntries,                                                                                                             \
+        QVERIFY2(                                                                                                                                              \
+            actualEntries == expectedEntries,                                                                                                                  \
             qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(ImageCacheTest::describe(actualEntries), ImageCacheTest::describe(expectedEntries))));     \
     } while (false)
 
@@ -104,7 +105,9 @@ public:
             std::unique_lock<std::mutex> lock(state->mutex);
             state->holding = true;
             state->changed.notify_all();
-            state->changed.wait(lock, [&state] { return state->released; });
+            state->changed.wait(lock, [&state] {
+                return state->released;
+            });
         });
     }
 
@@ -120,7 +123,9 @@ public:
     bool waitUntilHolding()
     {
         std::unique_lock<std::mutex> lock(m_state->mutex);
-        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] { return m_state->holding; });
+        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] {
+            return m_state->holding;
+        });
     }
 
     // From any thread.
@@ -181,10 +186,18 @@ public:
             worker,
             &Dm::ScreenSaver::ImageCacheWorker::imageCached,
             &receiver,
-            [this] { emittingThread.store(QThread::currentThread()); },
+            [this] {
+                emittingThread.store(QThread::currentThread());
+            },
             Qt::DirectConnection);
         QObject::connect(
-            worker, &QObject::destroyed, &receiver, [this] { destroyedIn.store(QThread::currentThread()); }, Qt::DirectConnection);
+            worker,
+            &QObject::destroyed,
+            &receiver,
+            [this] {
+                destroyedIn.store(QThread::currentThread());
+            },
+            Qt::DirectConnection);
         thread.start();
     }
 
@@ -213,7 +226,11 @@ public:
 
     bool waitForReports(int count)
     {
-        return QTest::qWaitFor([this, count] { return receiver.reports.size() >= count; }, asyncTimeout);
+        return QTest::qWaitFor(
+            [this, count] {
+                return receiver.reports.size() >= count;
+            },
+            asyncTimeout);
     }
 
     // Returns once everything queued to the worker so far has run and its
@@ -222,8 +239,16 @@ public:
     bool flush()
     {
         auto reached = std::make_shared<std::atomic<bool>>(false);
-        postTo(worker, [reached] { postTo(QCoreApplication::instance(), [reached] { reached->store(true); }); });
-        return QTest::qWaitFor([reached] { return reached->load(); }, asyncTimeout);
+        postTo(worker, [reached] {
+            postTo(QCoreApplication::instance(), [reached] {
+                reached->store(true);
+            });
+        });
+        return QTest::qWaitFor(
+            [reached] {
+                return reached->load();
+            },
+            asyncTimeout);
     }
 
     QThread thread;

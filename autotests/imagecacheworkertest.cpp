@@ -242,8 +242,8 @@ private Q_SLOTS:
         QVERIFY(fixture.request(path, screen));
         QVERIFY(!fixture.request(path, QRect(40, 30, 300, 200)));
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{
-                debug(settingLine(key(path))), debug(QStringLiteral("ImageCacheWorker: the request is already waiting for the way: ") + quoted(key(path)))}));
+                    (QList<LogEntry>{debug(settingLine(key(path))),
+                                     debug(QStringLiteral("ImageCacheWorker: the request is already waiting for the way: ") + quoted(key(path)))}));
         QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(path)});
 
         recorder.clear();
@@ -276,12 +276,12 @@ private Q_SLOTS:
         QCOMPARE(fixture.receiver.reports.at(1).pixmap.size(), small.size());
 
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(key(path, large))),
-                debug(settingLine(key(path, small))),
-                debug(internalLine(path)),
-                debug(sizeLine(1, 1)),
-                debug(internalLine(path)),
-                debug(sizeLine(1, 1))}));
+                    (QList<LogEntry>{debug(settingLine(key(path, large))),
+                                     debug(settingLine(key(path, small))),
+                                     debug(internalLine(path)),
+                                     debug(sizeLine(1, 1)),
+                                     debug(internalLine(path)),
+                                     debug(sizeLine(1, 1))}));
 
         // The cache is keyed by path: the second size replaced the first.
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
@@ -314,7 +314,8 @@ private Q_SLOTS:
         QCOMPARE(report.path, first);
         QCOMPARE(report.pixmap.cacheKey(), firstPixmap.cacheKey());
 
-        COMPARE_LOG(recorder,
+        COMPARE_LOG(
+            recorder,
             {debug(QStringLiteral("ImageCacheWorker: the image is already caching with the correct size, the request for the request: ") + quoted(first))});
         // Refreshed: now the youngest entry.
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{second, first}));
@@ -435,8 +436,10 @@ private Q_SLOTS:
         QVERIFY(fixture.request(m_images.at(5), screen));
         QVERIFY(fixture.waitForReports(6));
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{
-                debug(settingLine(key(m_images.at(5)))), debug(internalLine(m_images.at(5))), debug(evictionLine(m_images.at(2), 3)), debug(sizeLine(3, 3))}));
+                    (QList<LogEntry>{debug(settingLine(key(m_images.at(5)))),
+                                     debug(internalLine(m_images.at(5))),
+                                     debug(evictionLine(m_images.at(2), 3)),
+                                     debug(sizeLine(3, 3))}));
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(3, 3));
 
         // Back to ten (and never beyond it, nor below one).
@@ -461,12 +464,14 @@ private Q_SLOTS:
         QVERIFY(fixture.request(eleventh, screen));
         QVERIFY(fixture.waitForReports(11));
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{
-                debug(settingLine(key(eleventh))), debug(internalLine(eleventh)), debug(evictionLine(m_images.at(0), 10)), debug(sizeLine(10, 10))}));
+                    (QList<LogEntry>{debug(settingLine(key(eleventh))),
+                                     debug(internalLine(eleventh)),
+                                     debug(evictionLine(m_images.at(0), 10)),
+                                     debug(sizeLine(10, 10))}));
         // Literally, as the log shows it.
         QCOMPARE(recorder.slideShowEntries().at(2).text,
-            QStringLiteral("ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image: \"%1\" . New size of the cache: 10")
-                .arg(m_images.at(0)));
+                 QStringLiteral("ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image: \"%1\" . New size of the cache: 10")
+                     .arg(m_images.at(0)));
         QCOMPARE(recorder.slideShowEntries().at(3).text, QStringLiteral("ImageCacheWorker: The current size of the cache: 10 . Cache order size: 10"));
     }
 
@@ -481,8 +486,8 @@ private Q_SLOTS:
         LogRecorder recorder;
         fixture.worker->clearAllCacheData();
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
-                debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
+                    (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
+                                     debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
@@ -512,8 +517,8 @@ private Q_SLOTS:
         LogRecorder recorder;
         fixture.worker->clearAllCacheData();
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
-                debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
+                    (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
+                                     debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
         WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -530,13 +535,13 @@ private Q_SLOTS:
         // The two old requests were skipped without a decode and without a
         // report; the new one was prepared once.
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(key(m_images.at(2)))),
-                debug(internalLine(m_images.at(1))),
-                debug(skippedLine(key(m_images.at(1)))),
-                debug(internalLine(m_images.at(2))),
-                debug(skippedLine(key(m_images.at(2)))),
-                debug(internalLine(m_images.at(2))),
-                debug(sizeLine(1, 1))}));
+                    (QList<LogEntry>{debug(settingLine(key(m_images.at(2)))),
+                                     debug(internalLine(m_images.at(1))),
+                                     debug(skippedLine(key(m_images.at(1)))),
+                                     debug(internalLine(m_images.at(2))),
+                                     debug(skippedLine(key(m_images.at(2)))),
+                                     debug(internalLine(m_images.at(2))),
+                                     debug(sizeLine(1, 1))}));
         snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.preparationsStarted, 2);
         QCOMPARE(snapshot.cachedPaths, QStringList{m_images.at(2)});
@@ -639,11 +644,11 @@ private Q_SLOTS:
         QVERIFY(fixture.request(twelfth, screen));
         QVERIFY(fixture.waitForReports(11));
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(key(twelfth))),
-                debug(internalLine(twelfth)),
-                debug(evictionLine(m_images.at(0), 11)),
-                debug(evictionLine(m_images.at(1), 10)),
-                debug(sizeLine(10, 10))}));
+                    (QList<LogEntry>{debug(settingLine(key(twelfth))),
+                                     debug(internalLine(twelfth)),
+                                     debug(evictionLine(m_images.at(0), 11)),
+                                     debug(evictionLine(m_images.at(1), 10)),
+                                     debug(sizeLine(10, 10))}));
         snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, QList<QString>(m_images.mid(2, 10)));
     }
@@ -669,10 +674,10 @@ private Q_SLOTS:
         QCOMPARE(report.path, path);
         QCOMPARE(report.pixmap.cacheKey(), prepared.cacheKey());
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(internalLine(path)),
-                debug(QStringLiteral("ImageCacheWorker: The image has already been caching (from the other path) with the correct size, "
-                                     "the passage of internal re -processing: ")
-                    + quoted(path))}));
+                    (QList<LogEntry>{debug(internalLine(path)),
+                                     debug(QStringLiteral("ImageCacheWorker: The image has already been caching (from the other path) with the correct size, "
+                                                          "the passage of internal re -processing: ")
+                                           + quoted(path))}));
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, (QList<QString>{other, path}));
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -707,10 +712,10 @@ private Q_SLOTS:
         QCOMPARE(pixmap.toImage().pixel(150, 100), qRgb(0, 0, 0));
         QCOMPARE(pixmap.toImage().pixel(0, 0), qRgb(0, 0, 0));
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(key(path))),
-                debug(internalLine(path)),
-                warning(quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %1 ").arg(path))),
-                debug(sizeLine(1, 1))}));
+                    (QList<LogEntry>{debug(settingLine(key(path))),
+                                     debug(internalLine(path)),
+                                     warning(quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %1 ").arg(path))),
+                                     debug(sizeLine(1, 1))}));
         QCOMPARE(snapshotOf(fixture.worker).cachedPaths, QStringList{path});
         QCOMPARE(fixture.worker->getCachedImage(path, screen, 1.5, Crop).cacheKey(), pixmap.cacheKey());
     }
@@ -731,9 +736,9 @@ private Q_SLOTS:
         QCOMPARE(report.path, path);
         QVERIFY(report.pixmap.isNull());
         COMPARE_LOG(recorder,
-            (QList<LogEntry>{debug(settingLine(path + QStringLiteral("|70000000x200"))),
-                debug(internalLine(path)),
-                warning(QStringLiteral("ImageCacheWorker: The processed image is equal to NULL for the way: ") + quoted(path))}));
+                    (QList<LogEntry>{debug(settingLine(path + QStringLiteral("|70000000x200"))),
+                                     debug(internalLine(path)),
+                                     warning(QStringLiteral("ImageCacheWorker: The processed image is equal to NULL for the way: ") + quoted(path))}));
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
@@ -888,7 +893,7 @@ private Q_SLOTS:
             }
         }
         QVERIFY2(queuedReports <= accepted && queuedReports >= acceptedSinceClearing,
-            qPrintable(QStringLiteral("%1 reports, %2 requests, %3 since the last clearing").arg(queuedReports).arg(accepted).arg(acceptedSinceClearing)));
+                 qPrintable(QStringLiteral("%1 reports, %2 requests, %3 since the last clearing").arg(queuedReports).arg(accepted).arg(acceptedSinceClearing)));
         QVERIFY(accepted > 0);
         QVERIFY2(recorder->texts(QtWarningMsg).isEmpty(), qPrintable(recorder->texts(QtWarningMsg).join(QLatin1Char('\n'))));
 
@@ -900,11 +905,11 @@ private Q_SLOTS:
         QCOMPARE(cleared.generation, quint64(clearings + 1));
         recorder.reset();
         qInfo("%d operations in %lld ms: %d requests queued, %d reports, %d lookups found an image",
-            operations,
-            timer.elapsed(),
-            accepted,
-            int(fixture.receiver.reports.size()),
-            hits);
+              operations,
+              timer.elapsed(),
+              accepted,
+              int(fixture.receiver.reports.size()),
+              hits);
     }
 };
 

@@ -207,8 +207,8 @@ private Q_SLOTS:
 
         LogRecorder recorder;
         const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 640, 480), 2.0, Position(7));
-        const QList<LogEntry> expected
-            = {warning(QStringLiteral("ImageCacheWorker: Unknown positioning mode, return to stretching for the path: \"%1\"").arg(path))};
+        const QList<LogEntry> expected = {
+            warning(QStringLiteral("ImageCacheWorker: Unknown positioning mode, return to stretching for the path: \"%1\"").arg(path))};
         QCOMPARE(recorder.entries(), expected);
         QCOMPARE(toRgb(result), toRgb(m_worker.stretch(path, QSize(640, 480))));
         QCOMPARE(result.devicePixelRatio(), 1.0);
@@ -253,8 +253,8 @@ private Q_SLOTS:
     void unreadableContentGivesABlackCanvas()
     {
         QFETCH(QByteArray, content);
-        const QString path
-            = m_dir.filePath(QStringLiteral("bad-%1.jpg").arg(QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'))));
+        const QString path =
+            m_dir.filePath(QStringLiteral("bad-%1.jpg").arg(QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'))));
         QFile file(path);
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(content);
@@ -262,8 +262,8 @@ private Q_SLOTS:
 
         LogRecorder recorder;
         const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 200, 150), 1.0, Crop);
-        QCOMPARE(
-            recorder.texts(QtWarningMsg), QStringList(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path)));
+        QCOMPARE(recorder.texts(QtWarningMsg),
+                 QStringList(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path)));
         QCOMPARE(result.size(), QSize(200, 150));
         QCOMPARE(toRgb(result).pixel(100, 75), qRgb(0, 0, 0));
     }
@@ -431,8 +431,10 @@ private Q_SLOTS:
         QFETCH(double, ratio);
         QFETCH(QSize, imageSize);
         const QImage source = ImageMetrics::photoLike(imageSize.width(), imageSize.height(), 11);
-        const QString path = TestUtils::writeImage(
-            m_dir.path(), QStringLiteral("reduced-%1x%2.%3").arg(imageSize.width()).arg(imageSize.height()).arg(QString::fromLatin1(format)), source);
+        const QString path =
+            TestUtils::writeImage(m_dir.path(),
+                                  QStringLiteral("reduced-%1x%2.%3").arg(imageSize.width()).arg(imageSize.height()).arg(QString::fromLatin1(format)),
+                                  source);
         const QSize target(640, 360);
 
         QPixmap reduced;
@@ -503,8 +505,9 @@ private Q_SLOTS:
         if (QImageReader::supportedImageFormats().contains("svg")) {
             QFile svg(m_dir.filePath(QStringLiteral("vector.png")));
             QVERIFY(svg.open(QIODevice::WriteOnly));
-            svg.write("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
-                      "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>");
+            svg.write(
+                "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
+                "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>");
             svg.close();
             QTest::newRow("svg of 11585x11585 named png, cropped") << svg.fileName() << int(Crop) << true;
             QTest::newRow("svg of 11585x11585 named png, centred") << svg.fileName() << int(Center) << false;
@@ -538,8 +541,8 @@ private Q_SLOTS:
             QCOMPARE(lines, QStringList{QStringLiteral("result 640x480 not black")});
         } else {
             QCOMPARE(lines,
-                (QStringList{QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path),
-                    QStringLiteral("result 640x480 black")}));
+                     (QStringList{QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path),
+                                  QStringLiteral("result 640x480 black")}));
         }
         qInfo("peak resident memory of the child: %lld KiB", peakKiB);
         // A refused file allocates nothing; a shown one little more than the
@@ -573,7 +576,7 @@ private Q_SLOTS:
         // reverse the rows.
         const auto readInt = [&bottomUp](int offset) {
             return qint32(quint32(uchar(bottomUp.at(offset))) | quint32(uchar(bottomUp.at(offset + 1))) << 8 | quint32(uchar(bottomUp.at(offset + 2))) << 16
-                | quint32(uchar(bottomUp.at(offset + 3))) << 24);
+                          | quint32(uchar(bottomUp.at(offset + 3))) << 24);
         };
         const int dataOffset = readInt(10);
         const int height = readInt(22);
@@ -680,12 +683,12 @@ private Q_SLOTS:
         const int qx = area.width() / 4;
         const int qy = area.height() / 4;
         const QList<QPair<QPoint, QColor>> expected = {{area.topLeft() + QPoint(qx, qy), Qt::red},
-            {area.topLeft() + QPoint(3 * qx, qy), Qt::green},
-            {area.topLeft() + QPoint(qx, 3 * qy), Qt::blue},
-            {area.topLeft() + QPoint(3 * qx, 3 * qy), Qt::yellow}};
+                                                       {area.topLeft() + QPoint(3 * qx, qy), Qt::green},
+                                                       {area.topLeft() + QPoint(qx, 3 * qy), Qt::blue},
+                                                       {area.topLeft() + QPoint(3 * qx, 3 * qy), Qt::yellow}};
         for (const auto &point : expected) {
             QVERIFY2(TestUtils::fuzzyColor(shown.pixel(point.first), point.second, 24),
-                qPrintable(QStringLiteral("%1,%2: %3").arg(point.first.x()).arg(point.first.y()).arg(QColor(shown.pixel(point.first)).name())));
+                     qPrintable(QStringLiteral("%1,%2: %3").arg(point.first.x()).arg(point.first.y()).arg(QColor(shown.pixel(point.first)).name())));
         }
     }
 

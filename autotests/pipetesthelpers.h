@@ -46,7 +46,9 @@ public:
     explicit PipeReleaser(const QByteArray &pipe, int autoReleaseMs = -1, int heldWriter = -1, QThread *readerThread = nullptr)
         : m_readerThread(readerThread)
         , m_heldWriter(heldWriter)
-        , m_thread([this, pipe, autoReleaseMs] { run(pipe, autoReleaseMs); })
+        , m_thread([this, pipe, autoReleaseMs] {
+            run(pipe, autoReleaseMs);
+        })
     {
     }
 
@@ -115,7 +117,9 @@ class SlowFeeder
 {
 public:
     SlowFeeder(const QByteArray &pipe, const QByteArray &data, int pieces, int intervalMs)
-        : m_thread([this, pipe, data, pieces, intervalMs] { run(pipe, data, pieces, intervalMs); })
+        : m_thread([this, pipe, data, pieces, intervalMs] {
+            run(pipe, data, pieces, intervalMs);
+        })
     {
     }
 

@@ -82,11 +82,11 @@ private:
     QStringList showArguments(const QString &settingsName)
     {
         return {QStringLiteral("--settings"),
-            m_dir.filePath(settingsName),
-            QStringLiteral("--plugin-dir"),
-            QStringLiteral(ZAV_PLUGIN_DIR),
-            QStringLiteral("--window"),
-            QStringLiteral("320x200")};
+                m_dir.filePath(settingsName),
+                QStringLiteral("--plugin-dir"),
+                QStringLiteral(ZAV_PLUGIN_DIR),
+                QStringLiteral("--window"),
+                QStringLiteral("320x200")};
     }
 
     // Runs the host on dir in its 320 x 200 window and captures it at the
@@ -95,7 +95,7 @@ private:
     {
         const QString snapshot = m_dir.filePath(name + QStringLiteral(".png"));
         const Result result = run(showArguments(name + QStringLiteral(".ini"))
-            << QStringLiteral("--dir") << dir << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at") << at);
+                                  << QStringLiteral("--dir") << dir << QStringLiteral("--snapshot") << snapshot << QStringLiteral("--at") << at);
         if (result.exitStatus != QProcess::NormalExit || result.exitCode != 0) {
             qWarning("the host failed: %s", qPrintable(result.err));
             return false;
@@ -183,8 +183,8 @@ private Q_SLOTS:
         }
         process.setProcessEnvironment(environment);
         process.start(QStringLiteral(ZAV_PREVIEW_PROGRAM),
-            showArguments(QStringLiteral("gl.ini")) << QStringLiteral("--dir") << m_red << QStringLiteral("--snapshot")
-                                                    << m_dir.filePath(QStringLiteral("gl.png")) << QStringLiteral("--at") << QStringLiteral("30"));
+                      showArguments(QStringLiteral("gl.ini")) << QStringLiteral("--dir") << m_red << QStringLiteral("--snapshot")
+                                                              << m_dir.filePath(QStringLiteral("gl.png")) << QStringLiteral("--at") << QStringLiteral("30"));
         QVERIFY(process.waitForStarted());
         // Once the plug-in is mapped, the platform and its integration are
         // too (they come first).
@@ -215,8 +215,8 @@ private Q_SLOTS:
     {
         const QString frames = m_dir.filePath(QStringLiteral("frames"));
         const Result result = run(showArguments(QStringLiteral("record.ini"))
-            << QStringLiteral("--dir") << m_red << QStringLiteral("--record") << frames << QStringLiteral("--duration") << QStringLiteral("1.2")
-            << QStringLiteral("--fps") << QStringLiteral("5"));
+                                  << QStringLiteral("--dir") << m_red << QStringLiteral("--record") << frames << QStringLiteral("--duration")
+                                  << QStringLiteral("1.2") << QStringLiteral("--fps") << QStringLiteral("5"));
         QVERIFY2(result.exitCode == 0, qPrintable(result.err));
         const QStringList written = QDir(frames).entryList({QStringLiteral("frame-*.png")}, QDir::Files, QDir::Name);
         QVERIFY2(written.size() >= 3, qPrintable(written.join(QLatin1Char(' '))));
@@ -252,12 +252,12 @@ private Q_SLOTS:
 
     void wrongInterfaceIsRefused()
     {
-        const Result result
-            = run({QStringLiteral("--plugin-dir"), QStringLiteral(ZAV_WRONG_PLUGIN_DIR), QStringLiteral("--plugin"), QStringLiteral("wrongiid")});
+        const Result result =
+            run({QStringLiteral("--plugin-dir"), QStringLiteral(ZAV_WRONG_PLUGIN_DIR), QStringLiteral("--plugin"), QStringLiteral("wrongiid")});
         QCOMPARE(result.exitCode, 1);
         const QString file = QDir(QStringLiteral(ZAV_WRONG_PLUGIN_DIR)).absoluteFilePath(QStringLiteral("libzav-screensaver_wrongiid.so"));
         QCOMPARE(hostLine(result.err),
-            QStringLiteral("zav-screensaver-preview: %1 has the interface \"zav-screensaver/9.9\", not \"zav-screensaver/0.0\"").arg(file));
+                 QStringLiteral("zav-screensaver-preview: %1 has the interface \"zav-screensaver/9.9\", not \"zav-screensaver/0.0\"").arg(file));
     }
 
     void brokenFileIsRefused()
@@ -270,7 +270,7 @@ private Q_SLOTS:
         const Result result = run({QStringLiteral("--plugin-dir"), dir.path(), QStringLiteral("--plugin"), QStringLiteral("broken")});
         QCOMPARE(result.exitCode, 1);
         QVERIFY2(hostLine(result.err).startsWith(QStringLiteral("zav-screensaver-preview: %1 is not a Qt plug-in: ").arg(broken.fileName())),
-            qPrintable(result.err));
+                 qPrintable(result.err));
     }
 
     void badOptionValues_data()
@@ -288,11 +288,11 @@ private Q_SLOTS:
         QTest::newRow("effect") << QStringList{QStringLiteral("--effect"), QStringLiteral("fast")}
                                 << QStringLiteral("--effect takes milliseconds, not \"fast\"");
         QTest::newRow("fps") << QStringList{QStringLiteral("--record"),
-            QStringLiteral("x"),
-            QStringLiteral("--duration"),
-            QStringLiteral("1"),
-            QStringLiteral("--fps"),
-            QStringLiteral("0")}
+                                            QStringLiteral("x"),
+                                            QStringLiteral("--duration"),
+                                            QStringLiteral("1"),
+                                            QStringLiteral("--fps"),
+                                            QStringLiteral("0")}
                              << QStringLiteral("--fps takes a whole number from 1 to 1000, not \"0\"");
         QTest::newRow("record without duration") << QStringList{QStringLiteral("--record"), QStringLiteral("x")} << QStringLiteral("--record needs --duration");
         QTest::newRow("set") << QStringList{QStringLiteral("--set"), QStringLiteral("Effect")} << QStringLiteral("--set takes KEY=VALUE, not \"Effect\"");

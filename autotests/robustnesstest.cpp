@@ -313,8 +313,8 @@ QList<Kind> kinds()
     for (const QSize &shape : shapes) {
         for (int position = 0; position < 4; ++position) {
             for (int ratio : {1, 2}) {
-                const QString name
-                    = QStringLiteral("image-%1x%2-%3-ratio%4").arg(shape.width()).arg(shape.height()).arg(QLatin1String(modes[position])).arg(ratio);
+                const QString name =
+                    QStringLiteral("image-%1x%2-%3-ratio%4").arg(shape.width()).arg(shape.height()).arg(QLatin1String(modes[position])).arg(ratio);
                 // Crop cuts a thin image's visible part out before scaling
                 // it, so none of these builds a huge intermediate.
                 list << Kind{name.toLatin1(), false, oddSize(shape, position, ratio), nullptr};
@@ -373,7 +373,9 @@ QList<Kind> kinds()
     add(list, "symlink-to-good-image", [](Run &run) {
         return withGoodImage(run) && QFile::link(QDir(run.dir).filePath(QStringLiteral("good.png")), QDir(run.dir).filePath(QStringLiteral("link.png")));
     });
-    add(list, "subdirectory-named-like-an-image", [](Run &run) { return withGoodImage(run) && QDir(run.dir).mkdir(QStringLiteral("folder.png")); });
+    add(list, "subdirectory-named-like-an-image", [](Run &run) {
+        return withGoodImage(run) && QDir(run.dir).mkdir(QStringLiteral("folder.png"));
+    });
     add(list, "unreadable-file", [](Run &run) {
         const QString path = QDir(run.dir).filePath(QStringLiteral("secret.png"));
         if (!withGoodImage(run) || !gradient(QSize(64, 48)).save(path) || !QFile::setPermissions(path, QFileDevice::Permissions())) {
@@ -384,8 +386,9 @@ QList<Kind> kinds()
             // As root the mode does not stop reads: the image is shown like
             // any other.
             run.note = QStringLiteral("mode 000 did not stop reading (running as root)");
-            run.skipAfterChecks = QStringLiteral("Running as root: mode 000 does not stop reads, so the load warning of an unreadable file "
-                                                 "cannot be provoked here; the run was checked as one of a readable image.");
+            run.skipAfterChecks = QStringLiteral(
+                "Running as root: mode 000 does not stop reads, so the load warning of an unreadable file "
+                "cannot be provoked here; the run was checked as one of a readable image.");
         } else {
             run.expected << loadWarning(path);
         }
@@ -434,17 +437,19 @@ QList<Kind> kinds()
     add(list, "autoswitch-not-a-number", setting(QStringLiteral("AutoSwitch=string:soon"), nothing));
     add(list, "effect-zero", setting(QStringLiteral("Effect=int:0"), nothing));
     add(list, "effect-negative", setting(QStringLiteral("Effect=int:-1"), [](Run &run) {
-        // Qt refuses the duration and keeps the default 500 ms.
-        run.minSwitches = 2;
-    }));
+            // Qt refuses the duration and keeps the default 500 ms.
+            run.minSwitches = 2;
+        }));
     add(list, "effect-huge", setting(QStringLiteral("Effect=int:2147483647"), [](Run &run) {
-        // The first fade never ends within the run.
-        run.minSwitches = 1;
-        run.maxSwitches = 1;
-        run.harnessArguments << QStringLiteral("--wait-ms") << QStringLiteral("600");
-    }));
+            // The first fade never ends within the run.
+            run.minSwitches = 1;
+            run.maxSwitches = 1;
+            run.harnessArguments << QStringLiteral("--wait-ms") << QStringLiteral("600");
+        }));
     add(list, "effect-not-a-number", setting(QStringLiteral("Effect=string:slow"), nothing));
-    auto unknownPosition = [](Run &run) { run.expected << unknownPositionWarning(QDir(run.dir).filePath(QStringLiteral("good.png"))); };
+    auto unknownPosition = [](Run &run) {
+        run.expected << unknownPositionWarning(QDir(run.dir).filePath(QStringLiteral("good.png")));
+    };
     add(list, "position-zero", setting(QStringLiteral("Position=int:0"), nothing));
     add(list, "position-negative", setting(QStringLiteral("Position=int:-1"), unknownPosition));
     add(list, "position-huge", setting(QStringLiteral("Position=int:2147483647"), unknownPosition));
@@ -470,7 +475,9 @@ QList<Kind> kinds()
         const QString missing = QDir(run.dir).filePath(QStringLiteral("nowhere"));
         return directorySetting(imageDirSetting(missing), missing)(run);
     });
-    add(list, "directory-empty", [](Run &run) { return directorySetting(imageDirSetting(run.dir), run.dir)(run); });
+    add(list, "directory-empty", [](Run &run) {
+        return directorySetting(imageDirSetting(run.dir), run.dir)(run);
+    });
     add(list, "directory-without-images", [](Run &run) {
         return writeBytes(QDir(run.dir).filePath(QStringLiteral("readme.txt")), "no images\n")
             && gradient(QSize(16, 16)).save(QDir(run.dir).filePath(QStringLiteral(".hidden.png"))) && directorySetting(imageDirSetting(run.dir), run.dir)(run);
@@ -502,47 +509,47 @@ QList<Kind> kinds()
         };
     };
     add(list, "mono-png-at-the-old-pixel-limit", refused(QStringLiteral("mono.png"), [](const QString &dir) {
-        // 11585 x 11585 = 134,212,225 pixels: 537 MB decoded.
-        QImage image(11585, 11585, QImage::Format_Mono);
-        image.fill(0);
-        const QString path = QDir(dir).filePath(QStringLiteral("mono.png"));
-        return image.save(path) ? path : QString();
-    }));
+            // 11585 x 11585 = 134,212,225 pixels: 537 MB decoded.
+            QImage image(11585, 11585, QImage::Format_Mono);
+            image.fill(0);
+            const QString path = QDir(dir).filePath(QStringLiteral("mono.png"));
+            return image.save(path) ? path : QString();
+        }));
     add(list, "png-rgba-9000x9000", refused(QStringLiteral("rgba.png"), [](const QString &dir) {
-        return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 9000, 9000, 8, 6);
-    }));
+            return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 9000, 9000, 8, 6);
+        }));
     add(list, "png-rgba-8192x8192-at-the-new-limit", shown([](const QString &dir) {
-        return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 8192, 8192, 8, 6);
-    }));
+            return TestUtils::writeZeroPng(dir, QStringLiteral("rgba.png"), 8192, 8192, 8, 6);
+        }));
     add(list, "png-16-bit-rgba-at-the-old-pixel-limit", refused(QStringLiteral("deep.png"), [](const QString &dir) {
-        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 11585, 11585, 16, 6);
-    }));
+            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 11585, 11585, 16, 6);
+        }));
     // Sixteen bits a channel count 16 bytes a pixel: decoded at 8, converted
     // to 4, scaled.
     add(list, "png-16-bit-rgba-4200x4200-over-the-new-limit", refused(QStringLiteral("deep.png"), [](const QString &dir) {
-        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4200, 4200, 16, 6);
-    }));
+            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4200, 4200, 16, 6);
+        }));
     add(list, "png-16-bit-rgba-4096x4096-at-the-new-limit", shown([](const QString &dir) {
-        return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4096, 4096, 16, 6);
-    }));
+            return TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 4096, 4096, 16, 6);
+        }));
     add(list, "jpeg-baseline-11584x11584-at-the-old-pixel-limit", shown([](const QString &dir) {
-        return TestUtils::writeFlatJpeg(dir, QStringLiteral("flat.jpg"), 11584, 11584, false);
-    }));
+            return TestUtils::writeFlatJpeg(dir, QStringLiteral("flat.jpg"), 11584, 11584, false);
+        }));
     add(list, "jpeg-baseline-panorama-30000x20000", shown([](const QString &dir) {
-        return TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
-    }));
+            return TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
+        }));
     add(list, "jpeg-progressive-11584x11584-at-the-old-pixel-limit", refused(QStringLiteral("progressive.jpg"), [](const QString &dir) {
-        return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true);
-    }));
+            return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true);
+        }));
     add(list, "jpeg-progressive-11264x11264-under-the-new-limit", shown([](const QString &dir) {
-        return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11264, 11264, true);
-    }));
+            return TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11264, 11264, true);
+        }));
     add(list, "bmp-rle8-11585x11585-at-the-old-pixel-limit", refused(QStringLiteral("rle.bmp"), [](const QString &dir) {
-        return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585);
-    }));
+            return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585);
+        }));
     add(list, "bmp-rle8-8192x8192-at-the-new-limit", shown([](const QString &dir) {
-        return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 8192, 8192);
-    }));
+            return TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 8192, 8192);
+        }));
     if (QImageReader::supportedImageFormats().contains("svg")) {
         const auto svg = [](const QString &dir, int size) {
             // Named like a PNG: the reader goes by the content.
@@ -553,7 +560,9 @@ QList<Kind> kinds()
             return writeBytes(path, document) ? path : QString();
         };
         // Cropped, it is rendered at the size shown.
-        add(list, "svg-11585x11585-named-png-cropped", shown([svg](const QString &dir) { return svg(dir, 11585); }));
+        add(list, "svg-11585x11585-named-png-cropped", shown([svg](const QString &dir) {
+                return svg(dir, 11585);
+            }));
         // Centred, it would be rendered at its own size.
         add(list, "svg-11585x11585-named-png-centred", [svg](Run &run) {
             const QString path = svg(run.dir, 11585);
@@ -611,9 +620,9 @@ private Q_SLOTS:
         m_kinds = kinds();
         QVERIFY(QFileInfo(QStringLiteral(ZAV_ROBUSTNESS_HARNESS)).isExecutable());
         qInfo("%s corpus; bounds: exit within %d ms, peak memory %lld MiB unless a kind says otherwise",
-            m_full ? "full" : "reduced",
-            childTimeoutMs,
-            defaultBoundMiB);
+              m_full ? "full" : "reduced",
+              childTimeoutMs,
+              defaultBoundMiB);
     }
 
     void cleanupTestCase()
@@ -663,8 +672,8 @@ private Q_SLOTS:
         if (environment.contains(QStringLiteral("ASAN_OPTIONS"))) {
             // A request the system cannot meet gives a null pointer, as in
             // the production build, rather than AddressSanitizer's report.
-            environment.insert(
-                QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS")) + QStringLiteral(":allocator_may_return_null=1"));
+            environment.insert(QStringLiteral("ASAN_OPTIONS"),
+                               environment.value(QStringLiteral("ASAN_OPTIONS")) + QStringLiteral(":allocator_may_return_null=1"));
         }
         child.setProcessEnvironment(environment);
         // An empty directory setting means the host's working directory.
@@ -714,13 +723,13 @@ private Q_SLOTS:
         const qint64 destroyMs = values.value(QStringLiteral("destroy-ms"), QStringLiteral("-1")).toLongLong();
         m_figures.append(Figures{QString::fromLatin1(kind.name), peakKiB, wallMs, switches, destroyMs, problems.isEmpty() ? run.note : problems.first()});
         qInfo("%s: peak %lld KiB, %lld ms, %d switches, destroyed in %lld ms%s%s",
-            kind.name.constData(),
-            peakKiB,
-            wallMs,
-            switches,
-            destroyMs,
-            run.note.isEmpty() ? "" : "; ",
-            qPrintable(run.note));
+              kind.name.constData(),
+              peakKiB,
+              wallMs,
+              switches,
+              destroyMs,
+              run.note.isEmpty() ? "" : "; ",
+              qPrintable(run.note));
 
         if (problems.isEmpty()) {
             // The plug-in's lines for this input, each at least once, and no

@@ -68,8 +68,8 @@ private:
         }
         if (expectedRatio() != std::floor(expectedRatio())) {
             QTest::qSkip(qPrintable(QStringLiteral("the platform gives the ratio %1 instead of the fractional %2").arg(actual).arg(expectedRatio())),
-                __FILE__,
-                __LINE__);
+                         __FILE__,
+                         __LINE__);
             return false;
         }
         QTest::qFail(qPrintable(QStringLiteral("the ratio is %1, expected %2").arg(actual).arg(expectedRatio())), __FILE__, __LINE__);
@@ -151,7 +151,7 @@ private Q_SLOTS:
         log.clear();
         label->grab();
         QCOMPARE(log.texts(QtDebugMsg),
-            QStringList{QStringLiteral("ImageCacheWorker: return of a caching image for: ") + quoted(m_image) + QLatin1Char(' ') + lookupSuffix});
+                 QStringList{QStringLiteral("ImageCacheWorker: return of a caching image for: ") + quoted(m_image) + QLatin1Char(' ') + lookupSuffix});
         QVERIFY(waitUntilIdle(inspect(label).worker()));
     }
 

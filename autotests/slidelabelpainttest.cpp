@@ -149,8 +149,10 @@ QRgb idealCrossFade(const QColor &background, const QColor &previous, const QCol
 {
     const double wCurrent = qBound(0.0, opacity, 1.0);
     const double wPrevious = qBound(0.0, 1.0 - opacity, 1.0);
-    double result[4]
-        = {background.redF() * background.alphaF(), background.greenF() * background.alphaF(), background.blueF() * background.alphaF(), background.alphaF()};
+    double result[4] = {background.redF() * background.alphaF(),
+                        background.greenF() * background.alphaF(),
+                        background.blueF() * background.alphaF(),
+                        background.alphaF()};
     const QColor slides[2] = {previous, current};
     const double weights[2] = {wPrevious, wCurrent};
     for (int i = 0; i < 2; ++i) {
@@ -247,7 +249,11 @@ private:
         }
         label->setDir(directory);
         for (const QString &path : cached) {
-            if (!QTest::qWaitFor([&] { return !cachedSlide(*label, path).isNull(); }, 10000)) {
+            if (!QTest::qWaitFor(
+                    [&] {
+                        return !cachedSlide(*label, path).isNull();
+                    },
+                    10000)) {
                 return nullptr;
             }
         }
@@ -313,9 +319,9 @@ private Q_SLOTS:
                 for (const auto &layer : {std::make_pair(int(Layer::Pixmap), "pixmap layers"), std::make_pair(int(Layer::Image), "image layers")}) {
                     const QString name = QStringLiteral("%1 over %2, %3, %4")
                                              .arg(QLatin1String(slides.second ? "semi-transparent" : "opaque"),
-                                                 QLatin1String(slides.first ? "semi-transparent" : "opaque"),
-                                                 QLatin1String(background),
-                                                 QLatin1String(layer.second));
+                                                  QLatin1String(slides.first ? "semi-transparent" : "opaque"),
+                                                  QLatin1String(background),
+                                                  QLatin1String(layer.second));
                     QTest::newRow(qPrintable(name)) << slides.first << slides.second << QString::fromLatin1(background) << layer.first;
                 }
             }
@@ -490,8 +496,8 @@ private Q_SLOTS:
         QVERIFY(log.slideShowEntries().contains(
             entry(QtDebugMsg, QStringLiteral("SlideLabel: Previous image is not available from worker for drawing: ") + quoted(green))));
         COMPARE_IMAGES(painted,
-            compose(solidImage(labelSize, Qt::black), QPixmap(), cachedSlide(*label, red), 0.5, Layer::None),
-            QStringLiteral("slidelabelpainttest-noprevious"));
+                       compose(solidImage(labelSize, Qt::black), QPixmap(), cachedSlide(*label, red), 0.5, Layer::None),
+                       QStringLiteral("slidelabelpainttest-noprevious"));
         const QString difference = uniformWithin(painted, qRgb(128, 0, 0), 1);
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
     }
@@ -519,8 +525,8 @@ private Q_SLOTS:
         QVERIFY(log.slideShowEntries().contains(
             entry(QtDebugMsg, QStringLiteral("SlideLabel: Current image is not available from worker for drawing: ") + quoted(green))));
         COMPARE_IMAGES(painted,
-            compose(solidImage(labelSize, Qt::black), cachedSlide(*label, blue), QPixmap(), 0.5, Layer::None),
-            QStringLiteral("slidelabelpainttest-nocurrent"));
+                       compose(solidImage(labelSize, Qt::black), cachedSlide(*label, blue), QPixmap(), 0.5, Layer::None),
+                       QStringLiteral("slidelabelpainttest-nocurrent"));
         const QString difference = uniformWithin(painted, qRgb(0, 0, 128), 1);
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
     }
@@ -545,8 +551,8 @@ private Q_SLOTS:
 
         const QImage painted = renderLabel(*label, Qt::black);
         COMPARE_IMAGES(painted,
-            compose(solidImage(labelSize, Qt::black), QPixmap(), cachedSlide(*label, only), 1.0, Layer::None),
-            QStringLiteral("slidelabelpainttest-one"));
+                       compose(solidImage(labelSize, Qt::black), QPixmap(), cachedSlide(*label, only), 1.0, Layer::None),
+                       QStringLiteral("slidelabelpainttest-one"));
         const QString difference = uniformWithin(painted, qRgb(255, 0, 0), 0);
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
     }
@@ -567,9 +573,9 @@ private Q_SLOTS:
             const QImage onTransparent = renderLabel(*label, Qt::transparent);
             const QImage onColour = renderLabel(*label, QColor(10, 200, 30));
             QCOMPARE(log.slideShowEntries(),
-                QList<TestUtils::LogEntry>(
-                    {entry(QtDebugMsg, QStringLiteral("SlideLabel: The only image is not available from worker for drawing: ") + quoted(only)),
-                        entry(QtDebugMsg, QStringLiteral("SlideLabel: The only image is not available from worker for drawing: ") + quoted(only))}));
+                     QList<TestUtils::LogEntry>(
+                         {entry(QtDebugMsg, QStringLiteral("SlideLabel: The only image is not available from worker for drawing: ") + quoted(only)),
+                          entry(QtDebugMsg, QStringLiteral("SlideLabel: The only image is not available from worker for drawing: ") + quoted(only))}));
             // Filling with transparent over source-over leaves the target
             // as it was.
             COMPARE_IMAGES(onTransparent, solidImage(labelSize, Qt::transparent), QStringLiteral("slidelabelpainttest-notcached"));
@@ -759,8 +765,8 @@ private Q_SLOTS:
         QCoreApplication::processEvents();
         QCOMPARE(paints.count(), 0);
         QCOMPARE(log.slideShowEntries(),
-            QList<TestUtils::LogEntry>{
-                entry(QtDebugMsg, QStringLiteral("SlideLabel: Image cached, but not current/previous, update not required: ") + quoted(lookAhead))});
+                 QList<TestUtils::LogEntry>{
+                     entry(QtDebugMsg, QStringLiteral("SlideLabel: Image cached, but not current/previous, update not required: ") + quoted(lookAhead))});
     }
 
     void reportForTheCurrentOrPreviousImageRepaints_data()
@@ -823,8 +829,8 @@ private Q_SLOTS:
         QTRY_VERIFY(!log.slideShowEntries().isEmpty());
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
-        QCOMPARE(
-            log.slideShowEntries(), QList<TestUtils::LogEntry>{entry(QtDebugMsg, QStringLiteral("SlideLabel: resizeEvent called with size: QSize(300, 200)"))});
+        QCOMPARE(log.slideShowEntries(),
+                 QList<TestUtils::LogEntry>{entry(QtDebugMsg, QStringLiteral("SlideLabel: resizeEvent called with size: QSize(300, 200)"))});
     }
 
     void resizeRefillsCurrentNextAndPrevious_data()
@@ -865,11 +871,11 @@ private Q_SLOTS:
         }
         const QStringList flow = guiFlow(log);
         QCOMPARE(flow.mid(0, 4),
-            QStringList({QStringLiteral("SlideLabel: resizeEvent called with size: QSize(300, 200)"),
-                QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated."),
-                QStringLiteral("ImageCacheWorker: All cache data are cleaned."),
-                QStringLiteral("ImageCacheWorker: setting a request for image processing in the queue for: ")
-                    + quoted(expectedPaths.first() + QStringLiteral("|300x200"))}));
+                 QStringList({QStringLiteral("SlideLabel: resizeEvent called with size: QSize(300, 200)"),
+                              QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated."),
+                              QStringLiteral("ImageCacheWorker: All cache data are cleaned."),
+                              QStringLiteral("ImageCacheWorker: setting a request for image processing in the queue for: ")
+                                  + quoted(expectedPaths.first() + QStringLiteral("|300x200"))}));
         QCOMPARE(requestedPaths(log), expectedPaths);
         QCOMPARE(workerRequests(log).mid(0, 2).last(), queued(expectedPaths.at(qMin(1, expectedPaths.size() - 1)), QSize(300, 200)));
         // Everything at the new size once the worker is through.

@@ -126,23 +126,24 @@ private Q_SLOTS:
             << QStringList{QStringLiteral("img10.png"), QStringLiteral("img2.png"), QStringLiteral("Img1.png")} << QStringList()
             << QStringList{QStringLiteral("Img1.png"), QStringLiteral("img10.png"), QStringLiteral("img2.png")};
         QTest::newRow("each of the nine patterns") << QStringList{QStringLiteral("i.png"),
-            QStringLiteral("h.xpm"),
-            QStringLiteral("g.xbm"),
-            QStringLiteral("f.ppm"),
-            QStringLiteral("e.pgm"),
-            QStringLiteral("d.pbm"),
-            QStringLiteral("c.bmp"),
-            QStringLiteral("b.jpeg"),
-            QStringLiteral("a.jpg")} << QStringList()
+                                                                  QStringLiteral("h.xpm"),
+                                                                  QStringLiteral("g.xbm"),
+                                                                  QStringLiteral("f.ppm"),
+                                                                  QStringLiteral("e.pgm"),
+                                                                  QStringLiteral("d.pbm"),
+                                                                  QStringLiteral("c.bmp"),
+                                                                  QStringLiteral("b.jpeg"),
+                                                                  QStringLiteral("a.jpg")}
+                                                   << QStringList()
                                                    << QStringList{QStringLiteral("a.jpg"),
-                                                          QStringLiteral("b.jpeg"),
-                                                          QStringLiteral("c.bmp"),
-                                                          QStringLiteral("d.pbm"),
-                                                          QStringLiteral("e.pgm"),
-                                                          QStringLiteral("f.ppm"),
-                                                          QStringLiteral("g.xbm"),
-                                                          QStringLiteral("h.xpm"),
-                                                          QStringLiteral("i.png")};
+                                                                  QStringLiteral("b.jpeg"),
+                                                                  QStringLiteral("c.bmp"),
+                                                                  QStringLiteral("d.pbm"),
+                                                                  QStringLiteral("e.pgm"),
+                                                                  QStringLiteral("f.ppm"),
+                                                                  QStringLiteral("g.xbm"),
+                                                                  QStringLiteral("h.xpm"),
+                                                                  QStringLiteral("i.png")};
         QTest::newRow("suffixes in any case")
             << QStringList{QStringLiteral("Scan.BMP"), QStringLiteral("IMG.JPG"), QStringLiteral("x.JpEg"), QStringLiteral("photo.PNG")} << QStringList()
             << QStringList{QStringLiteral("IMG.JPG"), QStringLiteral("photo.PNG"), QStringLiteral("Scan.BMP"), QStringLiteral("x.JpEg")};
@@ -173,13 +174,13 @@ private Q_SLOTS:
         QTemporaryDir elsewhere;
         QVERIFY(dir.isValid() && elsewhere.isValid());
         writeFiles(dir.path(),
-            {QStringLiteral("a.png"),
-                QStringLiteral("notes.txt"),
-                QStringLiteral(".hidden.png"),
-                QStringLiteral("README"),
-                QStringLiteral("a.png.txt"),
-                QStringLiteral("b.gif"),
-                QStringLiteral("c.tiff")});
+                   {QStringLiteral("a.png"),
+                    QStringLiteral("notes.txt"),
+                    QStringLiteral(".hidden.png"),
+                    QStringLiteral("README"),
+                    QStringLiteral("a.png.txt"),
+                    QStringLiteral("b.gif"),
+                    QStringLiteral("c.tiff")});
         QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("d.png")));
         const QString target = writeFiles(elsewhere.path(), {QStringLiteral("real.png")}).first();
         // A link to a file is listed like the file; links to a directory or
@@ -248,8 +249,8 @@ private Q_SLOTS:
         // The one before the first in wrap-around order, not requested.
         QCOMPARE(inspect(label).previousImage(), paths.at(2));
         QCOMPARE(inspect(label).currentOpacity(), 1.0);
-        QCOMPARE(
-            guiFlow(log), QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
+        QCOMPARE(guiFlow(log),
+                 QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
         QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, settingDirectoryLine(dir.path())));
     }
 

@@ -167,11 +167,15 @@ public:
                 const int id = s.posted;
                 s.holding = id;
                 s.changed.notify_all();
-                s.changed.wait(lock, [&s, id] { return s.released >= id; });
+                s.changed.wait(lock, [&s, id] {
+                    return s.released >= id;
+                });
             },
             Qt::QueuedConnection);
         std::unique_lock<std::mutex> lock(s.mutex);
-        s.changed.wait_for(lock, std::chrono::seconds(30), [this, &s] { return s.holding == m_id; });
+        s.changed.wait_for(lock, std::chrono::seconds(30), [this, &s] {
+            return s.holding == m_id;
+        });
     }
     ~WorkerBlocker()
     {
@@ -261,7 +265,11 @@ inline bool waitUntilIdle(Dm::ScreenSaver::ImageCacheWorker *worker)
             reached.fetch_add(1);
         },
         Qt::QueuedConnection);
-    const bool idle = QTest::qWaitFor([expected] { return reached.load() >= expected; }, 10000);
+    const bool idle = QTest::qWaitFor(
+        [expected] {
+            return reached.load() >= expected;
+        },
+        10000);
     QCoreApplication::sendPostedEvents();
     QCoreApplication::processEvents();
     return idle;

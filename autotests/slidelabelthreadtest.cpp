@@ -217,7 +217,9 @@ private Q_SLOTS:
         // debug lines: a recorder's lock, taken by both threads, would order
         // them as the label alone does not.
         TestUtils::setSlideShowDebugEnabled(false);
-        const auto debugAgain = qScopeGuard([] { TestUtils::setSlideShowDebugEnabled(true); });
+        const auto debugAgain = qScopeGuard([] {
+            TestUtils::setSlideShowDebugEnabled(true);
+        });
         for (int round = 0; round < 8; ++round) {
             // Made before the label starts its thread, so that its members
             // are there before that thread exists.
@@ -281,10 +283,10 @@ private Q_SLOTS:
         // for, and it is cached.
         QCOMPARE(tagger.threadsOf(QStringLiteral("SlideLabel: Image cached")).size(), before + 1);
         QCOMPARE(guiFlow(log),
-            QStringList({QStringLiteral("ImageCacheWorker: the image is already caching with the correct size, the request for the request: ")
-                    + quoted(QDir(dir.path()).filePath(QStringLiteral("b.png"))),
-                QStringLiteral("SlideLabel: Image cached, but not current/previous, update not required: ")
-                    + quoted(QDir(dir.path()).filePath(QStringLiteral("b.png")))}));
+                 QStringList({QStringLiteral("ImageCacheWorker: the image is already caching with the correct size, the request for the request: ")
+                                  + quoted(QDir(dir.path()).filePath(QStringLiteral("b.png"))),
+                              QStringLiteral("SlideLabel: Image cached, but not current/previous, update not required: ")
+                                  + quoted(QDir(dir.path()).filePath(QStringLiteral("b.png")))}));
     }
 
     // Takes a little over five seconds: the label waits that long.

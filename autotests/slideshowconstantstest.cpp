@@ -33,8 +33,10 @@ private Q_SLOTS:
 
     void keysInOrder()
     {
-        const QList<QLatin1String> expected
-            = {QLatin1String("ImageDirectory"), QLatin1String("Effect"), QLatin1String("AutoSwitch"), QLatin1String("Position")};
+        const QList<QLatin1String> expected = {QLatin1String("ImageDirectory"),
+                                               QLatin1String("Effect"),
+                                               QLatin1String("AutoSwitch"),
+                                               QLatin1String("Position")};
         QCOMPARE(slideShowKeys, expected);
     }
 
@@ -42,7 +44,7 @@ private Q_SLOTS:
     {
         QCOMPARE(slideShowDefaultProperty.size(), 4);
         QCOMPARE(slideShowDefaultProperty.keys(),
-            QStringList({QStringLiteral("AutoSwitch"), QStringLiteral("Effect"), QStringLiteral("ImageDirectory"), QStringLiteral("Position")}));
+                 QStringList({QStringLiteral("AutoSwitch"), QStringLiteral("Effect"), QStringLiteral("ImageDirectory"), QStringLiteral("Position")}));
 
         const QVariant directory = slideShowDefaultProperty.value(QStringLiteral("ImageDirectory"));
         QCOMPARE(directory.userType(), int(QMetaType::QString));

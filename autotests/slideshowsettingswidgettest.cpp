@@ -515,8 +515,8 @@ private Q_SLOTS:
 
         LogRecorder recorder;
         dialog.setSilentProperty(map);
-        const QList<LogEntry> expected
-            = debug ? QList<LogEntry>{LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtDebugMsg, loadedLogText(map)}} : QList<LogEntry>{};
+        const QList<LogEntry> expected =
+            debug ? QList<LogEntry>{LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtDebugMsg, loadedLogText(map)}} : QList<LogEntry>{};
         QCOMPARE(recorder.entries(), expected);
     }
 

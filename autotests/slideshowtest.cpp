@@ -416,7 +416,7 @@ private Q_SLOTS:
         QVERIFY(inspect(inspect(show).slideLabel()).files().isEmpty());
         // One QString streamed whole: quoted as a whole.
         QCOMPARE(m_recorder->texts(QtCriticalMsg),
-            QStringList{QStringLiteral("\"SlideLabel: The specified directory () does not exist or does not contain image files.\"")});
+                 QStringList{QStringLiteral("\"SlideLabel: The specified directory () does not exist or does not contain image files.\"")});
     }
 
     void updatePropertyDebugLineShowsTheMap()
@@ -441,9 +441,9 @@ private Q_SLOTS:
     {
         TestUtils::setSlideShowDebugEnabled(true);
         SlideShow show;
-        const QString literal
-            = QStringLiteral("SlideShow set property: QMap((\"AutoSwitch\", QVariant(int, 5))(\"Effect\", QVariant(int, 500))"
-                             "(\"ImageDirectory\", QVariant(QString, \"/usr/share/wallpapers/slideshow/\"))(\"Position\", QVariant(int, 1)))");
+        const QString literal = QStringLiteral(
+            "SlideShow set property: QMap((\"AutoSwitch\", QVariant(int, 5))(\"Effect\", QVariant(int, 500))"
+            "(\"ImageDirectory\", QVariant(QString, \"/usr/share/wallpapers/slideshow/\"))(\"Position\", QVariant(int, 1)))");
         QCOMPARE(propertyDebugLines(*m_recorder), QStringList{literal});
         QCOMPARE(debugText(expectedDefaults()), literal);
     }
@@ -480,8 +480,8 @@ private Q_SLOTS:
             QSKIP("this machine has images in the default directory");
         }
         SlideShow show;
-        const QString expected
-            = QStringLiteral("\"SlideLabel: The specified directory (%1) does not exist or does not contain image files.\"").arg(defaultDirectory);
+        const QString expected =
+            QStringLiteral("\"SlideLabel: The specified directory (%1) does not exist or does not contain image files.\"").arg(defaultDirectory);
         QCOMPARE(m_recorder->texts(QtCriticalMsg), QStringList{expected});
     }
 

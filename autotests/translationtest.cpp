@@ -108,9 +108,9 @@ private Q_SLOTS:
     void fallbackTextIsRussian()
     {
         QCOMPARE(ki18nd("zav-screensaver_slideshow", "The image is not found in the catalog or the catalog is not indicated in the settings ...").toString(),
-            QStringLiteral("Изображения не найдены в каталоге, или каталог не указан в настройках ..."));
+                 QStringLiteral("Изображения не найдены в каталоге, или каталог не указан в настройках ..."));
         QCOMPARE(ki18nd("zav-screensaver_slideshow", "The path to the directory with images is not specified").toString(),
-            QStringLiteral("Не указан путь к каталогу с изображениями"));
+                 QStringLiteral("Не указан путь к каталогу с изображениями"));
     }
 };
 

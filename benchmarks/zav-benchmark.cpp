@@ -191,7 +191,9 @@ void runEventLoopFor(int ms)
 {
     QElapsedTimer clock;
     clock.start();
-    waitUntil([&]() { return clock.elapsed() >= ms; });
+    waitUntil([&]() {
+        return clock.elapsed() >= ms;
+    });
 }
 
 // The rectangle by which the label asks for and looks up its slides.
@@ -230,7 +232,9 @@ bool slidesReady(const SlideLabel *label, bool withPrevious)
 
 void waitForSlides(const SlideLabel *label, bool withPrevious, const char *what)
 {
-    if (!waitUntil([&]() { return slidesReady(label, withPrevious); })) {
+    if (!waitUntil([&]() {
+            return slidesReady(label, withPrevious);
+        })) {
         fail(QStringLiteral("the slides were not ready in time after %1").arg(QLatin1String(what)));
     }
 }
@@ -437,28 +441,28 @@ PreparationResult measurePreparation(const QString &path, const QSize &target, c
 void printPreparation(const QString &name, const QSize &target, const std::vector<Position> &modes, const PreparationResult &result)
 {
     std::printf("%-22s %-10s %-8s %9.1f %9.1f %9.1f %11s %7s %8.1f\n",
-        qPrintable(name),
-        qPrintable(sizeText(target)),
-        "floor",
-        result.floor.median,
-        result.floor.min,
-        result.floor.max,
-        "",
-        "1.00",
-        result.floorCpu);
+                qPrintable(name),
+                qPrintable(sizeText(target)),
+                "floor",
+                result.floor.median,
+                result.floor.min,
+                result.floor.max,
+                "",
+                "1.00",
+                result.floorCpu);
     for (size_t m = 0; m < modes.size(); ++m) {
         const Stats &stats = result.modes[m];
         std::printf("%-22s %-10s %-8s %9.1f %9.1f %9.1f %11.1f %7.2f %8.1f %7.1f\n",
-            "",
-            "",
-            modeName(modes[m]),
-            stats.median,
-            stats.min,
-            stats.max,
-            result.floor.median,
-            stats.median / result.floor.median,
-            result.modeCpu[m],
-            result.modePsnr[m]);
+                    "",
+                    "",
+                    modeName(modes[m]),
+                    stats.median,
+                    stats.min,
+                    stats.max,
+                    result.floor.median,
+                    stats.median / result.floor.median,
+                    result.modeCpu[m],
+                    result.modePsnr[m]);
     }
     std::fflush(stdout);
 }
@@ -481,8 +485,8 @@ void benchmarkPreparation(const QList<TestImage> &images, const QList<QSize> &ta
 void benchmarkPhotos(const QString &dir, int runs)
 {
     const QDir folder(dir);
-    const QStringList names
-        = folder.entryList({QStringLiteral("*.jpg"), QStringLiteral("*.jpeg"), QStringLiteral("*.png")}, QDir::Files, QDir::Name | QDir::IgnoreCase);
+    const QStringList names =
+        folder.entryList({QStringLiteral("*.jpg"), QStringLiteral("*.jpeg"), QStringLiteral("*.png")}, QDir::Files, QDir::Name | QDir::IgnoreCase);
     if (names.isEmpty()) {
         fail(QStringLiteral("no JPEG or PNG files in %1").arg(dir));
     }
@@ -516,10 +520,10 @@ void benchmarkPhotos(const QString &dir, int runs)
     // switches, and the look-ahead of the last.
     const size_t minute = std::min<size_t>(names.size(), 12);
     std::printf("mean of the first %d (one minute of default settings): Crop %.1f ms (cpu %.1f ms), floor %.1f ms\n",
-        int(minute),
-        mean(std::vector<double>(cropMs.begin(), cropMs.begin() + minute)),
-        mean(std::vector<double>(cropCpu.begin(), cropCpu.begin() + minute)),
-        mean(std::vector<double>(floorMs.begin(), floorMs.begin() + minute)));
+                int(minute),
+                mean(std::vector<double>(cropMs.begin(), cropMs.begin() + minute)),
+                mean(std::vector<double>(cropCpu.begin(), cropCpu.begin() + minute)),
+                mean(std::vector<double>(floorMs.begin(), floorMs.begin() + minute)));
     std::fflush(stdout);
 }
 
@@ -543,14 +547,17 @@ void benchmarkPaint(const QString &twoImagesDir, const QList<QSize> &targets, in
         // Shown first: a hidden widget gets its resize event only when shown
         // or rendered, and that event empties the cache.
         label.show();
-        waitUntil([&]() { return label.isVisible(); });
+        waitUntil([&]() {
+            return label.isVisible();
+        });
         if (label.size() != target) {
             fail(QStringLiteral("the label is %1, not %2").arg(sizeText(label.size()), sizeText(target)));
         }
         label.setDir(twoImagesDir);
         label.setNext();
-        if (!waitUntil(
-                [&]() { return workerIdle(&label) && isCached(&label, inspect(label).currentImage()) && isCached(&label, inspect(label).previousImage()); })) {
+        if (!waitUntil([&]() {
+                return workerIdle(&label) && isCached(&label, inspect(label).currentImage()) && isCached(&label, inspect(label).previousImage());
+            })) {
             fail(QStringLiteral("the two slides were not ready in time"));
         }
         label.setOpacity(0.37);
@@ -590,21 +597,21 @@ void benchmarkPaint(const QString &twoImagesDir, const QList<QSize> &targets, in
         const Stats paintStats = statsOf(paintOnlyMs);
         std::printf("%-10s %-11s %10.2f %10.2f %10.2f %12s %8s\n", qPrintable(sizeText(target)), "memcpy", copy.median, copy.min, copy.max, "", "1.00");
         std::printf("%-10s %-11s %10.2f %10.2f %10.2f %12.2f %8.2f\n",
-            "",
-            "frame",
-            frameStats.median,
-            frameStats.min,
-            frameStats.max,
-            copy.median,
-            frameStats.median / copy.median);
+                    "",
+                    "frame",
+                    frameStats.median,
+                    frameStats.min,
+                    frameStats.max,
+                    copy.median,
+                    frameStats.median / copy.median);
         std::printf("%-10s %-11s %10.2f %10.2f %10.2f %12.2f %8.2f\n",
-            "",
-            "paint only",
-            paintStats.median,
-            paintStats.min,
-            paintStats.max,
-            copy.median,
-            paintStats.median / copy.median);
+                    "",
+                    "paint only",
+                    paintStats.median,
+                    paintStats.min,
+                    paintStats.max,
+                    copy.median,
+                    paintStats.median / copy.median);
         std::fflush(stdout);
     }
     printRule(104);
@@ -624,11 +631,11 @@ void printStallRow(const StallRow &row, const char *extraFormat)
     const Stats stall = statsOf(row.stallMs);
     const Stats call = statsOf(row.callMs);
     std::printf("%-40s %9.1f %9.1f %9.1f %10s",
-        row.what,
-        stall.median,
-        stall.min,
-        stall.max,
-        row.callMs.empty() ? "" : qPrintable(QString::number(call.median, 'f', 1)));
+                row.what,
+                stall.median,
+                stall.min,
+                stall.max,
+                row.callMs.empty() ? "" : qPrintable(QString::number(call.median, 'f', 1)));
     if (extraFormat && !row.extra.empty()) {
         std::printf("   ");
         std::printf(extraFormat, statsOf(row.extra).median);
@@ -673,7 +680,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     show.resize(1920, 1080);
     show.show();
     SlideLabel *label = inspect(show).slideLabel();
-    waitUntil([&]() { return label->size() == QSize(1920, 1080); });
+    waitUntil([&]() {
+        return label->size() == QSize(1920, 1080);
+    });
     runEventLoopFor(100);
 
     StallMonitor monitor;
@@ -690,8 +699,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     // top-level window may learn of its new size only after resize() returns.
     QSize expectedSize(1920, 1080);
     const auto ready = [&](bool withPrevious, const char *what) {
-        if (!waitUntil(
-                [&]() { return label->size() == expectedSize && (inspect(label).files().isEmpty() ? workerIdle(label) : slidesReady(label, withPrevious)); })) {
+        if (!waitUntil([&]() {
+                return label->size() == expectedSize && (inspect(label).files().isEmpty() ? workerIdle(label) : slidesReady(label, withPrevious));
+            })) {
             fail(QStringLiteral("the slides were not ready in time after %1").arg(QLatin1String(what)));
         }
     };
@@ -727,7 +737,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
         printStallRow(row, nullptr);
     };
 
-    const auto setDir = [&]() { label->setDir(largePhotos); };
+    const auto setDir = [&]() {
+        label->setDir(largePhotos);
+    };
     measure("setDir, worker idle", false, false, setDir);
     measure("setDir, worker busy", true, false, setDir);
 
@@ -751,7 +763,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
             callClock.start();
             show.updateSlide();
             fade.callMs.push_back(elapsedMs(callClock));
-            if (!waitUntil([&]() { return animation->state() == QAbstractAnimation::Stopped; })) {
+            if (!waitUntil([&]() {
+                    return animation->state() == QAbstractAnimation::Stopped;
+                })) {
                 fail(QStringLiteral("the fade did not end"));
             }
             fade.stallMs.push_back(monitor.stop());
@@ -785,8 +799,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
     };
     measure("resize (1920x1080 <-> 1600x900), idle", false, true, resize);
     measure("resize, worker busy", true, true, resize);
-    const auto setMode
-        = [&]() { label->setPosition(inspect(label).fittingMode() == Dm::ScreenSaver::Crop ? Dm::ScreenSaver::Stretch : Dm::ScreenSaver::Crop); };
+    const auto setMode = [&]() {
+        label->setPosition(inspect(label).fittingMode() == Dm::ScreenSaver::Crop ? Dm::ScreenSaver::Stretch : Dm::ScreenSaver::Crop);
+    };
     measure("fitting mode (Crop <-> Stretch), idle", false, true, setMode);
     measure("fitting mode, worker busy", true, true, setMode);
 
@@ -818,7 +833,9 @@ void benchmarkStalls(const QString &largePhotos, int runs)
             ready(withPrevious, what);
             const int started = snapshotOf(inspect(label).worker()).preparationsStarted;
             inspect(label).worker()->requestProcessImage(pipe, QRect(QPoint(0, 0), expectedSize), 1.0, int(inspect(label).fittingMode()));
-            if (!waitUntil([&]() { return snapshotOf(inspect(label).worker()).preparationsStarted > started; })) {
+            if (!waitUntil([&]() {
+                    return snapshotOf(inspect(label).worker()).preparationsStarted > started;
+                })) {
                 fail(QStringLiteral("the worker did not start on the pipe"));
             }
             runEventLoopFor(50);
@@ -853,7 +870,9 @@ void benchmarkFirstSlide(const QList<QPair<QString, QString>> &folders, int runs
     show.resize(1920, 1080);
     show.show();
     SlideLabel *label = inspect(show).slideLabel();
-    waitUntil([&]() { return label->size() == QSize(1920, 1080); });
+    waitUntil([&]() {
+        return label->size() == QSize(1920, 1080);
+    });
     runEventLoopFor(100);
     FirstSlidePaint watcher(label);
 
@@ -862,7 +881,9 @@ void benchmarkFirstSlide(const QList<QPair<QString, QString>> &folders, int runs
         std::vector<double> callMs;
         for (int run = 0; run < runs; ++run) {
             progress(QStringLiteral("first slide: %1 %2/%3").arg(folder.first).arg(run + 1).arg(runs));
-            if (!waitUntil([&]() { return workerIdle(label); })) {
+            if (!waitUntil([&]() {
+                    return workerIdle(label);
+                })) {
                 fail(QStringLiteral("the worker did not become idle"));
             }
             runEventLoopFor(20);
@@ -873,7 +894,9 @@ void benchmarkFirstSlide(const QList<QPair<QString, QString>> &folders, int runs
             callClock.start();
             show.setProperty(settings);
             callMs.push_back(elapsedMs(callClock));
-            if (!waitUntil([&]() { return watcher.resultMs >= 0; })) {
+            if (!waitUntil([&]() {
+                    return watcher.resultMs >= 0;
+                })) {
                 fail(QStringLiteral("no slide was painted"));
             }
             firstMs.push_back(watcher.resultMs);
@@ -899,15 +922,18 @@ int main(int argc, char **argv)
     parser.addHelpOption();
     const QCommandLineOption quick(QStringLiteral("quick"), QStringLiteral("A fast smoke run: one run of each figure."));
     const QCommandLineOption runsOption(QStringLiteral("runs"), QStringLiteral("Runs per figure (default 5)."), QStringLiteral("N"), QStringLiteral("5"));
-    const QCommandLineOption photosOption(
-        QStringLiteral("photos"), QStringLiteral("Also measure the preparation of the JPEG and PNG files in <dir> (Crop, 1920x1080)."), QStringLiteral("dir"));
+    const QCommandLineOption photosOption(QStringLiteral("photos"),
+                                          QStringLiteral("Also measure the preparation of the JPEG and PNG files in <dir> (Crop, 1920x1080)."),
+                                          QStringLiteral("dir"));
     const QCommandLineOption onlyPhotos(QStringLiteral("only-photos"), QStringLiteral("With --photos: measure nothing else."));
     parser.addOption(quick);
     parser.addOption(runsOption);
     parser.addOption(photosOption);
     parser.addOption(onlyPhotos);
-    const QCommandLineOption sectionsOption(
-        QStringLiteral("sections"), QStringLiteral("Which of the sections 1 to 4 to run (default 1234)."), QStringLiteral("digits"), QStringLiteral("1234"));
+    const QCommandLineOption sectionsOption(QStringLiteral("sections"),
+                                            QStringLiteral("Which of the sections 1 to 4 to run (default 1234)."),
+                                            QStringLiteral("digits"),
+                                            QStringLiteral("1234"));
     parser.addOption(sectionsOption);
     parser.process(app);
     bool ok = false;
@@ -925,11 +951,11 @@ int main(int argc, char **argv)
     QPixmapCache::setCacheLimit(0);
 
     std::printf("zav-benchmark: %d cores (QThread::idealThreadCount), Qt %s (qVersion), platform %s, %d run%s per figure\n",
-        QThread::idealThreadCount(),
-        qVersion(),
-        qPrintable(QGuiApplication::platformName()),
-        runs,
-        runs == 1 ? "" : "s");
+                QThread::idealThreadCount(),
+                qVersion(),
+                qPrintable(QGuiApplication::platformName()),
+                runs,
+                runs == 1 ? "" : "s");
     std::printf("load average at start: %s\n", qPrintable(loadAverage()));
     std::fflush(stdout);
     QElapsedTimer total;
@@ -965,12 +991,12 @@ int main(int argc, char **argv)
     QFile::copy(wide.path, QDir(fadeFolder).filePath(QStringLiteral("b.jpg")));
 
     std::printf("photos: %s %lld KiB, %s %lld KiB, %s %lld KiB\n",
-        qPrintable(large.name),
-        QFileInfo(large.path).size() / 1024,
-        qPrintable(uhd.name),
-        QFileInfo(uhd.path).size() / 1024,
-        qPrintable(wide.name),
-        QFileInfo(wide.path).size() / 1024);
+                qPrintable(large.name),
+                QFileInfo(large.path).size() / 1024,
+                qPrintable(uhd.name),
+                QFileInfo(uhd.path).size() / 1024,
+                qPrintable(wide.name),
+                QFileInfo(wide.path).size() / 1024);
 
     const QList<QSize> targets = {QSize(1920, 1080), QSize(3840, 2160)};
     const QString sections = parser.value(sectionsOption);
@@ -985,9 +1011,9 @@ int main(int argc, char **argv)
     }
     if (sections.contains(QLatin1Char('4'))) {
         benchmarkFirstSlide({{QStringLiteral("8 x ") + large.name, largeFolder},
-                                {QStringLiteral("3 x ") + uhd.name, uhdFolder},
-                                {QStringLiteral("3 x ") + wide.name, wideFolder}},
-            runs);
+                             {QStringLiteral("3 x ") + uhd.name, uhdFolder},
+                             {QStringLiteral("3 x ") + wide.name, wideFolder}},
+                            runs);
     }
     if (parser.isSet(photosOption)) {
         benchmarkPhotos(parser.value(photosOption), runs);

@@ -49,27 +49,32 @@ bool parsePosition(const QString &text, int *position)
 bool parsePreviewOptions(const QStringList &arguments, PreviewOptions *options, QString *error)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Shows a screensaver plug-in the way a lock screen does, in a window or full screen, "
-                                                    "or captures its frames without a screen."));
+    parser.setApplicationDescription(
+        QStringLiteral("Shows a screensaver plug-in the way a lock screen does, in a window or full screen, "
+                       "or captures its frames without a screen."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption pluginDir(QStringLiteral("plugin-dir"), QStringLiteral("Look for plug-ins in <dir> (repeatable)."), QStringLiteral("dir"));
     const QCommandLineOption list(QStringLiteral("list"), QStringLiteral("List the plug-ins found, with their metadata, and exit."));
     const QCommandLineOption plugin(QStringLiteral("plugin"), QStringLiteral("The plug-in to show (default: slideshow)."), QStringLiteral("name"));
-    const QCommandLineOption window(
-        QStringLiteral("window"), QStringLiteral("Show in a window of <W>x<H> pixels instead of full screen."), QStringLiteral("WxH"));
-    const QCommandLineOption settings(
-        QStringLiteral("settings"), QStringLiteral("Keep the settings in this INI file instead of the user's settings."), QStringLiteral("file"));
+    const QCommandLineOption window(QStringLiteral("window"),
+                                    QStringLiteral("Show in a window of <W>x<H> pixels instead of full screen."),
+                                    QStringLiteral("WxH"));
+    const QCommandLineOption settings(QStringLiteral("settings"),
+                                      QStringLiteral("Keep the settings in this INI file instead of the user's settings."),
+                                      QStringLiteral("file"));
     const QCommandLineOption dir(QStringLiteral("dir"), QStringLiteral("Image directory (ImageDirectory)."), QStringLiteral("dir"));
     const QCommandLineOption interval(QStringLiteral("interval"), QStringLiteral("Seconds per slide (AutoSwitch)."), QStringLiteral("seconds"));
     const QCommandLineOption effect(QStringLiteral("effect"), QStringLiteral("Fade duration in milliseconds (Effect)."), QStringLiteral("ms"));
-    const QCommandLineOption position(
-        QStringLiteral("position"), QStringLiteral("Fitting mode (Position): Stretch, Crop, Tile, Center or 0 to 3."), QStringLiteral("mode"));
+    const QCommandLineOption position(QStringLiteral("position"),
+                                      QStringLiteral("Fitting mode (Position): Stretch, Crop, Tile, Center or 0 to 3."),
+                                      QStringLiteral("mode"));
     const QCommandLineOption set(QStringLiteral("set"), QStringLiteral("Set any setting KEY to VALUE (repeatable)."), QStringLiteral("KEY=VALUE"));
     const QCommandLineOption configure(QStringLiteral("configure"), QStringLiteral("Open the screensaver's settings dialog and store what it commits."));
     const QCommandLineOption snapshot(QStringLiteral("snapshot"), QStringLiteral("Save one frame to <file> and exit (with --at)."), QStringLiteral("file"));
-    const QCommandLineOption at(
-        QStringLiteral("at"), QStringLiteral("When to take the snapshot, in seconds after start (default 0)."), QStringLiteral("seconds"));
+    const QCommandLineOption at(QStringLiteral("at"),
+                                QStringLiteral("When to take the snapshot, in seconds after start (default 0)."),
+                                QStringLiteral("seconds"));
     const QCommandLineOption record(QStringLiteral("record"), QStringLiteral("Save numbered PNG frames into <dir> and exit."), QStringLiteral("dir"));
     const QCommandLineOption duration(QStringLiteral("duration"), QStringLiteral("How long to record, in seconds."), QStringLiteral("seconds"));
     const QCommandLineOption fps(QStringLiteral("fps"), QStringLiteral("Frames per second to record (default 10)."), QStringLiteral("n"));

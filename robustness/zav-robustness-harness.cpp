@@ -194,20 +194,26 @@ int main(int argc, char **argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Runs the slide-show plug-in the way a lock screen does and reports what happened."));
     parser.addHelpOption();
-    const QCommandLineOption pluginDirOption(
-        QStringLiteral("plugin-dir"), QStringLiteral("Folder of the plug-in."), QStringLiteral("dir"), QStringLiteral(ZAV_PLUGIN_DIR));
+    const QCommandLineOption pluginDirOption(QStringLiteral("plugin-dir"),
+                                             QStringLiteral("Folder of the plug-in."),
+                                             QStringLiteral("dir"),
+                                             QStringLiteral(ZAV_PLUGIN_DIR));
     const QCommandLineOption setOption(QStringLiteral("set"),
-        QStringLiteral("A setting, KEY=TYPE:VALUE with TYPE int, longlong, double, string, list or invalid (repeatable)."),
-        QStringLiteral("setting"));
-    const QCommandLineOption switchesOption(
-        QStringLiteral("switches"), QStringLiteral("Slide switches to wait for before the resize."), QStringLiteral("n"), QStringLiteral("3"));
+                                       QStringLiteral("A setting, KEY=TYPE:VALUE with TYPE int, longlong, double, string, list or invalid (repeatable)."),
+                                       QStringLiteral("setting"));
+    const QCommandLineOption switchesOption(QStringLiteral("switches"),
+                                            QStringLiteral("Slide switches to wait for before the resize."),
+                                            QStringLiteral("n"),
+                                            QStringLiteral("3"));
     const QCommandLineOption timeoutOption(QStringLiteral("wait-ms"),
-        QStringLiteral("Longest wait for those switches, and for one more after the resize."),
-        QStringLiteral("ms"),
-        QStringLiteral("3000"));
+                                           QStringLiteral("Longest wait for those switches, and for one more after the resize."),
+                                           QStringLiteral("ms"),
+                                           QStringLiteral("3000"));
     const QCommandLineOption sizeOption(QStringLiteral("size"), QStringLiteral("Window size at the start."), QStringLiteral("WxH"), QStringLiteral("400x300"));
-    const QCommandLineOption resizeOption(
-        QStringLiteral("resize"), QStringLiteral("Window size after the switches."), QStringLiteral("WxH"), QStringLiteral("480x360"));
+    const QCommandLineOption resizeOption(QStringLiteral("resize"),
+                                          QStringLiteral("Window size after the switches."),
+                                          QStringLiteral("WxH"),
+                                          QStringLiteral("480x360"));
     const QCommandLineOption debugOption(QStringLiteral("debug"), QStringLiteral("Turn on the plug-in's debug messages."));
     parser.addOptions({pluginDirOption, setOption, switchesOption, timeoutOption, sizeOption, resizeOption, debugOption});
     parser.process(app);
@@ -267,7 +273,9 @@ int main(int argc, char **argv)
                 ++switches;
             }
         });
-        QObject::connect(animation, &QAbstractAnimation::finished, window, [&fades]() { ++fades; });
+        QObject::connect(animation, &QAbstractAnimation::finished, window, [&fades]() {
+            ++fades;
+        });
     }
 
     screenSaver->setProperty(settings);

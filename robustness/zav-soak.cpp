@@ -120,12 +120,17 @@ int main(int argc, char **argv)
     parser.setApplicationDescription(QStringLiteral("Switches slides many times and checks that memory, threads and descriptors stay flat."));
     parser.addHelpOption();
     const QCommandLineOption switchesOption(QStringLiteral("switches"), QStringLiteral("Slide switches to run."), QStringLiteral("n"), QStringLiteral("10000"));
-    const QCommandLineOption everyOption(
-        QStringLiteral("sample-every"), QStringLiteral("Switches between samples (default: a twentieth of the run)."), QStringLiteral("n"));
-    const QCommandLineOption warmupOption(
-        QStringLiteral("warmup-samples"), QStringLiteral("Samples before the reference one."), QStringLiteral("n"), QStringLiteral("2"));
-    const QCommandLineOption toleranceOption(
-        QStringLiteral("tolerance"), QStringLiteral("Allowed memory drift in percent."), QStringLiteral("percent"), QStringLiteral("5"));
+    const QCommandLineOption everyOption(QStringLiteral("sample-every"),
+                                         QStringLiteral("Switches between samples (default: a twentieth of the run)."),
+                                         QStringLiteral("n"));
+    const QCommandLineOption warmupOption(QStringLiteral("warmup-samples"),
+                                          QStringLiteral("Samples before the reference one."),
+                                          QStringLiteral("n"),
+                                          QStringLiteral("2"));
+    const QCommandLineOption toleranceOption(QStringLiteral("tolerance"),
+                                             QStringLiteral("Allowed memory drift in percent."),
+                                             QStringLiteral("percent"),
+                                             QStringLiteral("5"));
     parser.addOptions({switchesOption, everyOption, warmupOption, toleranceOption});
     parser.process(app);
 
@@ -169,7 +174,9 @@ int main(int argc, char **argv)
         }
     });
     // The next fade lasts 1 to 10 ms.
-    QObject::connect(fade, &QAbstractAnimation::finished, &window, [fade, &random]() { fade->setDuration(1 + int(random.bounded(10))); });
+    QObject::connect(fade, &QAbstractAnimation::finished, &window, [fade, &random]() {
+        fade->setDuration(1 + int(random.bounded(10)));
+    });
 
     std::vector<Sample> samples;
     // Resident memory goes up and down by a few hundred KiB from one switch
@@ -190,11 +197,11 @@ int main(int argc, char **argv)
             QThread::msleep(1);
         }
         samples.push_back(Sample{switches,
-            clock.elapsed() / 1000.0,
-            qMax(intervalRss, statusField("VmRSS").toLongLong()),
-            statusField("Threads").toInt(),
-            pooledThreads(),
-            openDescriptors()});
+                                 clock.elapsed() / 1000.0,
+                                 qMax(intervalRss, statusField("VmRSS").toLongLong()),
+                                 statusField("Threads").toInt(),
+                                 pooledThreads(),
+                                 openDescriptors()});
         intervalRss = 0;
     };
 
@@ -249,14 +256,14 @@ int main(int argc, char **argv)
             drift = QString::number(100.0 * double(s.rssKiB - samples[reference].rssKiB) / double(samples[reference].rssKiB), 'f', 2);
         }
         std::printf("%8d %9.1f %10lld %8s %8d %7d %5d%s\n",
-            s.switches,
-            s.seconds,
-            s.rssKiB,
-            qPrintable(drift),
-            s.threads,
-            s.pooled,
-            s.fds,
-            i < reference ? "  (warm-up)" : (i == reference ? "  (reference)" : ""));
+                    s.switches,
+                    s.seconds,
+                    s.rssKiB,
+                    qPrintable(drift),
+                    s.threads,
+                    s.pooled,
+                    s.fds,
+                    i < reference ? "  (warm-up)" : (i == reference ? "  (reference)" : ""));
     }
     std::fflush(stdout);
 
@@ -282,10 +289,10 @@ int main(int argc, char **argv)
         // descriptors must be exactly those of the reference.
         if (s.threads - s.pooled != ref.threads - ref.pooled) {
             std::fprintf(stderr,
-                "zav-soak: after %d switches %d threads run besides Qt's pool, %d at the reference\n",
-                s.switches,
-                s.threads - s.pooled,
-                ref.threads - ref.pooled);
+                         "zav-soak: after %d switches %d threads run besides Qt's pool, %d at the reference\n",
+                         s.switches,
+                         s.threads - s.pooled,
+                         ref.threads - ref.pooled);
             flat = false;
         }
         if (s.pooled > maxPooled) {
@@ -294,10 +301,10 @@ int main(int argc, char **argv)
         }
         if (s.fds - s.pooled != ref.fds - ref.pooled) {
             std::fprintf(stderr,
-                "zav-soak: after %d switches %d descriptors are open besides those of Qt's pool, %d at the reference\n",
-                s.switches,
-                s.fds - s.pooled,
-                ref.fds - ref.pooled);
+                         "zav-soak: after %d switches %d descriptors are open besides those of Qt's pool, %d at the reference\n",
+                         s.switches,
+                         s.fds - s.pooled,
+                         ref.fds - ref.pooled);
             flat = false;
         }
     }

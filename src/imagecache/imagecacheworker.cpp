@@ -134,13 +134,13 @@ bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geo
     }
     qCDebug(slideShowLog) << "ImageCacheWorker: setting a request for image processing in the queue for:" << key;
     QMetaObject::invokeMethod(this,
-        "processImageInternal",
-        Qt::QueuedConnection,
-        Q_ARG(QString, path),
-        Q_ARG(QRect, geometry),
-        Q_ARG(qreal, devicePixelRatio),
-        Q_ARG(int, position),
-        Q_ARG(quint64, requestGeneration));
+                              "processImageInternal",
+                              Qt::QueuedConnection,
+                              Q_ARG(QString, path),
+                              Q_ARG(QRect, geometry),
+                              Q_ARG(qreal, devicePixelRatio),
+                              Q_ARG(int, position),
+                              Q_ARG(quint64, requestGeneration));
     return true;
 }
 
@@ -183,7 +183,9 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
 
     // No lock while the file is read, decoded and scaled. The reading ends
     // early once a clearing has made this request outdated.
-    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] { return generation.load() != requestGeneration; });
+    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] {
+        return generation.load() != requestGeneration;
+    });
 
     bool stillWanted = false;
     QStringList evicted;
@@ -315,8 +317,12 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
 WorkerSnapshot ImageCacheWorkerAccess::snapshot(const ImageCacheWorker *worker)
 {
     std::lock_guard<std::mutex> locker(worker->mutex);
-    WorkerSnapshot snapshot{
-        worker->cache.keys(), worker->cacheOrder, worker->pendingRequests, worker->generation.load(), worker->cacheCapacity, worker->preparationsStarted};
+    WorkerSnapshot snapshot{worker->cache.keys(),
+                            worker->cacheOrder,
+                            worker->pendingRequests,
+                            worker->generation.load(),
+                            worker->cacheCapacity,
+                            worker->preparationsStarted};
     // Deep copies, made under the lock: an implicitly shared copy would be
     // read by the caller while the worker changes the original in place.
     snapshot.cacheOrder.detach();

@@ -266,8 +266,13 @@ QSize headerSize(QImageReader &reader)
 // afterwards; images not larger than what is shown are read as they are, so
 // their pixels do not change. Then what that decoding allocates is counted,
 // from the header alone: a decoder may allocate whatever a header claims.
-ReadPlan planReading(
-    QImageReader &reader, const QString &path, bool sequential, const QByteArray &head, const QByteArray &contentFormat, const QSize &target, Position position)
+ReadPlan planReading(QImageReader &reader,
+                     const QString &path,
+                     bool sequential,
+                     const QByteArray &head,
+                     const QByteArray &contentFormat,
+                     const QSize &target,
+                     Position position)
 {
     ReadPlan plan;
     plan.stored = headerSize(reader);
@@ -288,8 +293,8 @@ ReadPlan planReading(
             const QSize expanded = plan.upright.scaled(target, Qt::KeepAspectRatioByExpanding);
             if (plan.upright.width() > expanded.width() && plan.upright.height() > expanded.height()) {
                 plan.scaledSize = turned ? expanded.transposed() : expanded;
-                plan.scaledClipRect
-                    = QRect(QPoint((plan.scaledSize.width() - storedTarget.width()) / 2, (plan.scaledSize.height() - storedTarget.height()) / 2), storedTarget);
+                plan.scaledClipRect =
+                    QRect(QPoint((plan.scaledSize.width() - storedTarget.width()) / 2, (plan.scaledSize.height() - storedTarget.height()) / 2), storedTarget);
             }
         } else if (plan.upright.width() > target.width() && plan.upright.height() > target.height()) {
             // Stretch, and any unknown mode, which is stretched.
@@ -349,8 +354,11 @@ QPixmap ImageCacheWorker::cachedImage(const QString &path, const QRect &geometry
     return prepareImage(path, geometry, devicePixelRatio, position, std::function<bool()>());
 }
 
-QPixmap ImageCacheWorker::prepareImage(
-    const QString &path, const QRect &geometry, double devicePixelRatio, Position position, const std::function<bool()> &unwanted) const
+QPixmap ImageCacheWorker::prepareImage(const QString &path,
+                                       const QRect &geometry,
+                                       double devicePixelRatio,
+                                       Position position,
+                                       const std::function<bool()> &unwanted) const
 {
     // The black canvas of the target's size is the answer for a file that
     // cannot be read; it is only built then (at 4K it costs a full fill).
@@ -471,8 +479,8 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
     // would take 400 x 4,000,000 pixels). Past 16 times the target's pixels
     // the part that will be shown is cut out first and only it is scaled.
     const QSize expanded = loaded.size().scaled(size, Qt::KeepAspectRatioByExpanding);
-    const QPixmap source
-        = qint64(expanded.width()) * expanded.height() > 16 * qint64(size.width()) * size.height() ? loaded.copy(visiblePart(loaded.size(), size)) : loaded;
+    const QPixmap source =
+        qint64(expanded.width()) * expanded.height() > 16 * qint64(size.width()) * size.height() ? loaded.copy(visiblePart(loaded.size(), size)) : loaded;
     const QImage image = source.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
     const int iw = image.width();
     const int ih = image.height();

@@ -145,24 +145,32 @@ SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
     connect(buttonBox, &QDialogButtonBox::accepted, this, &QDialog::accept);
     connect(buttonBox, &QDialogButtonBox::rejected, this, &QDialog::reject);
     connect(d->openButton, &QPushButton::clicked, this, &SlideShowSettingsWidget::selectImageDirectory);
-    connect(d->directoryLineEdit, &QLineEdit::textChanged, this, [this](const QString &text) { d->editedProperty[imageDirectoryKey] = text; });
+    connect(d->directoryLineEdit, &QLineEdit::textChanged, this, [this](const QString &text) {
+        d->editedProperty[imageDirectoryKey] = text;
+    });
     connect(
         d->autoSwitchSpinBox,
         QOverload<int>::of(&QSpinBox::valueChanged),
         d->autoSwitchSpinBox,
-        [this](int value) { d->editedProperty[autoSwitchKey] = value; },
+        [this](int value) {
+            d->editedProperty[autoSwitchKey] = value;
+        },
         Qt::DirectConnection);
     connect(
         d->effectComboBox,
         QOverload<int>::of(&QComboBox::currentIndexChanged),
         d->effectComboBox,
-        [this](int) { d->editedProperty[effectKey] = d->effectComboBox->currentData(Qt::UserRole); },
+        [this](int) {
+            d->editedProperty[effectKey] = d->effectComboBox->currentData(Qt::UserRole);
+        },
         Qt::DirectConnection);
     connect(
         d->alignmentComboBox,
         QOverload<int>::of(&QComboBox::currentIndexChanged),
         d->alignmentComboBox,
-        [this](int) { d->editedProperty[positionKey] = d->alignmentComboBox->currentData(Qt::UserRole); },
+        [this](int) {
+            d->editedProperty[positionKey] = d->alignmentComboBox->currentData(Qt::UserRole);
+        },
         Qt::DirectConnection);
 }
 
@@ -215,8 +223,8 @@ void SlideShowSettingsWidget::selectImageDirectory()
     if (!QDir(start).exists()) {
         start = QStringLiteral("/home");
     }
-    const QString dir
-        = QFileDialog::getExistingDirectory(this, translated("Open Directory"), start, QFileDialog::ShowDirsOnly | QFileDialog::DontResolveSymlinks);
+    const QString dir =
+        QFileDialog::getExistingDirectory(this, translated("Open Directory"), start, QFileDialog::ShowDirsOnly | QFileDialog::DontResolveSymlinks);
     if (dir.isEmpty()) {
         return;
     }
@@ -233,8 +241,11 @@ void SlideShowSettingsWidget::accept()
     // directory picked with Open or loaded does.
     const QString dir = d->savedProperty[imageDirectoryKey].toString();
     if (dir.isEmpty()) {
-        QMessageBox::critical(
-            this, translated("Error"), translated("The path to the directory with images is not specified"), QMessageBox::Ok, QMessageBox::NoButton);
+        QMessageBox::critical(this,
+                              translated("Error"),
+                              translated("The path to the directory with images is not specified"),
+                              QMessageBox::Ok,
+                              QMessageBox::NoButton);
         return;
     }
 

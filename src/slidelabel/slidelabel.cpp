@@ -114,8 +114,12 @@ void SlideLabel::setDir(const QString &dir)
     // QDir takes any link for a file; keep only what is, or leads to, a
     // regular file. A link to a named pipe or a device would block the
     // worker in open() for as long as nobody writes to it.
-    names.erase(
-        std::remove_if(names.begin(), names.end(), [&directory](const QString &name) { return !QFileInfo(directory.filePath(name)).isFile(); }), names.end());
+    names.erase(std::remove_if(names.begin(),
+                               names.end(),
+                               [&directory](const QString &name) {
+                                   return !QFileInfo(directory.filePath(name)).isFile();
+                               }),
+                names.end());
     if (names.isEmpty()) {
         qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dir);
         imageFiles.clear();
@@ -255,7 +259,8 @@ void SlideLabel::paintEvent(QPaintEvent *event)
         }
         painter.setFont(font);
         painter.setPen(QColor(Qt::white));
-        painter.drawText(rect(),
+        painter.drawText(
+            rect(),
             Qt::AlignCenter,
             ki18nd(ZAV_SLIDESHOW_TRANSLATION_DOMAIN, "The image is not found in the catalog or the catalog is not indicated in the settings ...").toString());
     }

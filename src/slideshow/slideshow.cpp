@@ -82,8 +82,16 @@ SlideShow::SlideShow(QWidget *parent)
 
     // At the end of each fade the wait for the next switch begins.
     connect(
-        d->animation, &QAbstractAnimation::finished, d->animation, [this]() { d->timer.start(); }, Qt::DirectConnection);
-    connect(d->animation, &QVariantAnimation::valueChanged, this, [this](const QVariant &value) { d->label->setOpacity(value.toDouble()); });
+        d->animation,
+        &QAbstractAnimation::finished,
+        d->animation,
+        [this]() {
+            d->timer.start();
+        },
+        Qt::DirectConnection);
+    connect(d->animation, &QVariantAnimation::valueChanged, this, [this](const QVariant &value) {
+        d->label->setOpacity(value.toDouble());
+    });
     connect(&d->timer, &QTimer::timeout, this, &SlideShow::updateSlide);
 }
 
@@ -179,7 +187,9 @@ AbstractSettingDialog *SlideShow::settingWidget()
     }
     d->settingWidget = new SlideShowSettingsWidget(nullptr);
     d->settingWidget->setSilentProperty(d->property);
-    connect(d->settingWidget, &AbstractSettingDialog::changed, this, [this]() { setProperty(d->settingWidget->property()); });
+    connect(d->settingWidget, &AbstractSettingDialog::changed, this, [this]() {
+        setProperty(d->settingWidget->property());
+    });
     return d->settingWidget;
 }
 
