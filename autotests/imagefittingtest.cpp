@@ -781,11 +781,7 @@ int main(int argc, char **argv)
     if (!childPath.isEmpty()) {
         return runFittingChild(argc, argv, childPath, Position(qEnvironmentVariableIntValue(childModeEnvironment)));
     }
-    QApplication app(argc, argv);
-    app.setAttribute(Qt::AA_Use96Dpi, true);
-    ImageFittingTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return TestUtils::runWidgetTest<ImageFittingTest>(argc, argv);
 }
 
 #include "imagefittingtest.moc"

@@ -887,11 +887,7 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    QApplication app(argc, argv);
-    app.setAttribute(Qt::AA_Use96Dpi, true);
-    SlideLabelPaintTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return TestUtils::runWidgetTest<SlideLabelPaintTest>(argc, argv);
 }
 
 #include "slidelabelpainttest.moc"

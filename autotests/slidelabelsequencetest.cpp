@@ -635,11 +635,7 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    QApplication app(argc, argv);
-    app.setAttribute(Qt::AA_Use96Dpi, true);
-    SlideLabelSequenceTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return TestUtils::runWidgetTest<SlideLabelSequenceTest>(argc, argv);
 }
 
 #include "slidelabelsequencetest.moc"

@@ -6,12 +6,14 @@
 #ifndef ZAV_TESTUTILS_H
 #define ZAV_TESTUTILS_H
 
+#include <QApplication>
 #include <QColor>
 #include <QImage>
 #include <QList>
 #include <QSize>
 #include <QString>
 #include <QStringList>
+#include <QTest>
 #include <QVariantMap>
 #include <QtGlobal>
 
@@ -116,6 +118,18 @@ qint64 peakResidentKiB();
 // True when every pixel of both images matches within the fuzz per channel.
 bool fuzzyEqual(const QImage &actual, const QImage &expected, int fuzz, QString *why = nullptr);
 bool fuzzyColor(QRgb actual, const QColor &expected, int fuzz);
+
+// Runs a test object the way the tests of widgets run: in a QApplication
+// whose fonts are laid out at 96 DPI whatever the screen, so that the sizes
+// of texts do not depend on the machine.
+template<typename Test>
+int runWidgetTest(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    app.setAttribute(Qt::AA_Use96Dpi, true);
+    Test test;
+    return QTest::qExec(&test, argc, argv);
+}
 }
 
 #endif // ZAV_TESTUTILS_H
