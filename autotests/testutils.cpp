@@ -219,6 +219,18 @@ void appendSegment(QByteArray &out, quint8 marker, const QByteArray &payload)
     out.append(payload);
 }
 
+// A Huffman table (class and number in one byte: 0x00 the first DC table,
+// 0x10 the first AC table) that gives the n-th symbol the code of n bits
+// made of n - 1 ones and a zero: "0", "10", "110" ...
+void appendHuffmanTable(QByteArray &out, char classAndNumber, const QByteArray &symbols)
+{
+    QByteArray counts(16, char(0));
+    for (int i = 0; i < symbols.size() && i < 16; ++i) {
+        counts[i] = 1;
+    }
+    appendSegment(out, 0xc4, QByteArray(1, classAndNumber) + counts + symbols);
+}
+
 // The start of a grey JPEG: one quantisation table of ones and the frame
 // (a baseline or progressive one, by its marker) of one 8-bit component.
 QByteArray greyJpegStart(int width, int height, quint8 frameMarker)
@@ -240,18 +252,10 @@ QString writeManyScanJpeg(const QString &directory, const QString &fileName, int
         return QString();
     }
     QByteArray out = greyJpegStart(size, size, 0xc2);
-    // DC table: one code "0" for "no difference".
-    QByteArray dcTable(1, char(0x00));
-    QByteArray counts(16, char(0));
-    counts[0] = 1;
-    dcTable.append(counts).append(char(0x00));
-    appendSegment(out, 0xc4, dcTable);
-    // AC table: "0" for an end-of-band run of 2^14 + 14 bits, "10" for a
-    // run of 8 + 3 bits.
-    QByteArray acTable(1, char(0x10));
-    counts[1] = 1;
-    acTable.append(counts).append(char(0xe0)).append(char(0x30));
-    appendSegment(out, 0xc4, acTable);
+    // DC table: "0" for "no difference". AC table: "0" for an end-of-band
+    // run of 2^14 + 14 bits, "10" for a run of 8 + 3 bits.
+    appendHuffmanTable(out, 0x00, QByteArray(1, char(0x00)));
+    appendHuffmanTable(out, 0x10, QByteArray("\xe0\x30", 2));
 
     const qint64 blocks = qint64(size / 8) * (size / 8);
     // The DC scan: no difference in any block, so a flat grey picture.
@@ -342,10 +346,8 @@ QString writeFlatJpeg(const QString &directory, const QString &fileName, int wid
     }
     QByteArray out = greyJpegStart(width, height, progressive ? 0xc2 : 0xc0);
     // DC table: "0" for no difference; AC table: "0" for the end of block.
-    QByteArray counts(16, char(0));
-    counts[0] = 1;
-    appendSegment(out, 0xc4, QByteArray(1, char(0x00)) + counts + QByteArray(1, char(0x00)));
-    appendSegment(out, 0xc4, QByteArray(1, char(0x10)) + counts + QByteArray(1, char(0x00)));
+    appendHuffmanTable(out, 0x00, QByteArray(1, char(0x00)));
+    appendHuffmanTable(out, 0x10, QByteArray(1, char(0x00)));
     QByteArray scan;
     scan.append(char(1)).append(char(1)).append(char(0x00)).append(char(0)).append(char(progressive ? 0 : 63)).append(char(0));
     appendSegment(out, 0xda, scan);

@@ -73,9 +73,20 @@ QPixmap ImageCacheWorker::takeCachedAtSizeLocked(const QString &path, const QSiz
         return QPixmap();
     }
     // A path that is used again becomes the youngest entry.
+    makeYoungestLocked(path);
+    return *it;
+}
+
+void ImageCacheWorker::makeYoungestLocked(const QString &path)
+{
     cacheOrder.removeOne(path);
     cacheOrder.append(path);
-    return *it;
+}
+
+void ImageCacheWorker::storeLocked(const QString &path, const QPixmap &pixmap)
+{
+    cache.insert(path, pixmap);
+    makeYoungestLocked(path);
 }
 
 QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position)
@@ -197,11 +208,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         stillWanted = requestGeneration == generation.load();
         if (stillWanted) {
             if (!pixmap.isNull()) {
-                if (cache.contains(path)) {
-                    cacheOrder.removeOne(path);
-                }
-                cache.insert(path, pixmap);
-                cacheOrder.append(path);
+                storeLocked(path, pixmap);
                 evictLocked(&evicted, &sizesAfterEviction);
                 cacheSize = cache.size();
                 orderSize = cacheOrder.size();
@@ -306,9 +313,7 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
         // bound. Nor is an image stored in a cache cleaned meanwhile.
         std::lock_guard<std::mutex> locker(mutex);
         if (startGeneration == generation.load()) {
-            cache.insert(path, pixmap);
-            cacheOrder.removeOne(path);
-            cacheOrder.append(path);
+            storeLocked(path, pixmap);
         }
     }
     return pixmap;

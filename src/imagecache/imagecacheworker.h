@@ -144,6 +144,11 @@ private:
     // Under mutex: the cached pixmap for path at size, made the youngest
     // entry; null if there is none.
     QPixmap takeCachedAtSizeLocked(const QString &path, const QSize &size);
+    // Under mutex: path moves to the end of cacheOrder (it is evicted last).
+    void makeYoungestLocked(const QString &path);
+    // Under mutex: stores (or replaces) the entry and makes it the youngest;
+    // the bound is left to evictLocked.
+    void storeLocked(const QString &path, const QPixmap &pixmap);
     // Under mutex: drops the oldest entries beyond cacheCapacity, noting each
     // dropped path and the size left after it, for the log.
     void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction);

@@ -125,6 +125,14 @@ protected:
     }
 
 private:
+    // The processor time of the calling thread, in milliseconds.
+    static qint64 threadCpuMs()
+    {
+        timespec now{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    }
+
     bool stillWanted()
     {
         if (!cutShort()) {
@@ -138,14 +146,6 @@ private:
     }
 
     const std::function<bool()> m_unwanted;
-    // The processor time of the calling thread, in milliseconds.
-    static qint64 threadCpuMs()
-    {
-        timespec now{};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-        return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-    }
-
     const qint64 m_startCpuMs;
     QElapsedTimer m_timer;
     bool m_unwantedSeen = false;
