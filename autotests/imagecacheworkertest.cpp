@@ -450,6 +450,49 @@ private Q_SLOTS:
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{m_images.at(5)});
     }
 
+    // The slides the show needs stay, though older than an entry it no
+    // longer wants: a new look-ahead displaces the stale entry, not the
+    // slide a fade is leaving.
+    void evictionSparesTheWantedSlides()
+    {
+        WorkerFixture fixture;
+        fixture.worker->setCacheCapacity(3);
+        const QString previous = m_images.at(0);
+        const QString current = m_images.at(1);
+        const QString stale = m_images.at(2);
+        const QString next = m_images.at(3);
+        for (const QString &path : {previous, current, stale}) {
+            QVERIFY(fixture.request(path, screen));
+        }
+        QVERIFY(fixture.waitForReports(3));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, stale}));
+
+        fixture.worker->setWantedImages({current, next, previous});
+        LogRecorder recorder;
+        QVERIFY(fixture.request(next, screen));
+        QVERIFY(fixture.waitForReports(4));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debug(settingLine(key(next))), debug(internalLine(next)), debug(evictionLine(stale, 3)), debug(sizeLine(3, 3))}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
+
+        // An image nobody wants, while every entry is wanted: reported as
+        // usual, but it takes no wanted slide's place.
+        recorder.clear();
+        QVERIFY(fixture.request(stale, screen));
+        QVERIFY(fixture.waitForReports(5));
+        QCOMPARE(fixture.receiver.reports.last().path, stale);
+        QCOMPARE(fixture.receiver.reports.last().pixmap.size(), screen.size());
+        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(stale))), debug(internalLine(stale)), debug(sizeLine(3, 3))}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
+
+        // A lower capacity spares them too; without wishes the oldest goes.
+        fixture.worker->setCacheCapacity(2);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
+        fixture.worker->setWantedImages({});
+        fixture.worker->setCacheCapacity(1);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{next});
+    }
+
     void eleventhImageLogsTheEvictionAndTheSizes()
     {
         WorkerFixture fixture;

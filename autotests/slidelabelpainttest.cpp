@@ -143,27 +143,6 @@ QImage solidImage(const QSize &size, const QColor &color)
     return image;
 }
 
-// Source-over of opaque colours with their weights, in floating point and
-// premultiplied: the ideal result that the painter approximates in 8 bits.
-QRgb idealCrossFade(const QColor &background, const QColor &previous, const QColor &current, double opacity)
-{
-    const double wCurrent = qBound(0.0, opacity, 1.0);
-    const double wPrevious = qBound(0.0, 1.0 - opacity, 1.0);
-    double result[4] = {background.redF() * background.alphaF(),
-                        background.greenF() * background.alphaF(),
-                        background.blueF() * background.alphaF(),
-                        background.alphaF()};
-    const QColor slides[2] = {previous, current};
-    const double weights[2] = {wPrevious, wCurrent};
-    for (int i = 0; i < 2; ++i) {
-        const double source[4] = {slides[i].redF() * weights[i], slides[i].greenF() * weights[i], slides[i].blueF() * weights[i], weights[i]};
-        for (int c = 0; c < 4; ++c) {
-            result[c] = source[c] + result[c] * (1.0 - weights[i]);
-        }
-    }
-    return qRgba(qRound(result[0] * 255), qRound(result[1] * 255), qRound(result[2] * 255), qRound(result[3] * 255));
-}
-
 // Every pixel within the fuzz of one premultiplied value.
 QString uniformWithin(const QImage &image, QRgb expected, int fuzz)
 {
@@ -448,7 +427,7 @@ private Q_SLOTS:
         const QImage painted = renderLabel(*label, background);
         // The painter turns each weight into an 8-bit alpha and rounds every
         // multiplication: at most one unit per draw, two draws.
-        const QString difference = uniformWithin(painted, idealCrossFade(background, Qt::blue, Qt::red, opacity), 2);
+        const QString difference = uniformWithin(painted, TestUtils::crossFadePixel(background, Qt::blue, Qt::red, opacity), 2);
         if (!difference.isEmpty()) {
             QFAIL(qPrintable(difference + QStringLiteral(", actual image kept as ") + keep(painted, QStringLiteral("slidelabelpainttest-crossfade"))));
         }

@@ -119,6 +119,14 @@ qint64 peakResidentKiB();
 bool fuzzyEqual(const QImage &actual, const QImage &expected, int fuzz, QString *why = nullptr);
 bool fuzzyColor(QRgb actual, const QColor &expected, int fuzz);
 
+// The premultiplied colour that the cross-fade gives a pixel where both
+// slides are opaque, in floating point: the previous slide drawn with the
+// weight 1 - opacity over the background, then the current one with the
+// weight opacity over that (source-over), each weight bounded to 0..1 as the
+// painter bounds it. Where the background is opaque black the previous
+// slide thus counts (1 - opacity)^2 and the current one opacity.
+QRgb crossFadePixel(const QColor &background, const QColor &previous, const QColor &current, double opacity);
+
 // Runs a test object the way the tests of widgets run: in a QApplication
 // whose fonts are laid out at 96 DPI whatever the screen, so that the sizes
 // of texts do not depend on the machine.

@@ -14,6 +14,8 @@
 
 #include <QMetaObject>
 
+#include <algorithm>
+
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -207,12 +209,14 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         std::lock_guard<std::mutex> locker(mutex);
         stillWanted = requestGeneration == generation.load();
         if (stillWanted) {
-            if (!pixmap.isNull()) {
+            // The show may have passed this slide while it was prepared;
+            // it is still reported, but does not take a wanted one's place.
+            if (!pixmap.isNull() && !unwantedAndNoRoomLocked(path)) {
                 storeLocked(path, pixmap);
                 evictLocked(&evicted, &sizesAfterEviction);
-                cacheSize = cache.size();
-                orderSize = cacheOrder.size();
             }
+            cacheSize = cache.size();
+            orderSize = cacheOrder.size();
             pendingRequests.remove(key);
         }
     }
@@ -254,12 +258,35 @@ void ImageCacheWorker::clearAllCacheData()
 
 void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction)
 {
-    while (cacheOrder.size() > cacheCapacity) {
-        const QString oldest = cacheOrder.takeFirst();
-        cache.remove(oldest);
-        evicted->append(oldest);
+    // The order is oldest first; wanted slides are passed over, so that the
+    // slide a fade is leaving is not dropped for the one after the next.
+    auto it = cacheOrder.begin();
+    while (cacheOrder.size() > cacheCapacity && it != cacheOrder.end()) {
+        if (wantedImages.contains(*it)) {
+            ++it;
+            continue;
+        }
+        cache.remove(*it);
+        evicted->append(*it);
         sizesAfterEviction->append(cache.size());
+        it = cacheOrder.erase(it);
     }
+}
+
+bool ImageCacheWorker::unwantedAndNoRoomLocked(const QString &path) const
+{
+    if (wantedImages.contains(path) || cache.contains(path) || cache.size() < cacheCapacity) {
+        return false;
+    }
+    return std::all_of(cacheOrder.cbegin(), cacheOrder.cend(), [this](const QString &cached) {
+        return wantedImages.contains(cached);
+    });
+}
+
+void ImageCacheWorker::setWantedImages(const QStringList &paths)
+{
+    std::lock_guard<std::mutex> locker(mutex);
+    wantedImages = paths;
 }
 
 void ImageCacheWorker::logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction)

@@ -86,8 +86,17 @@ public:
     // How many entries are worth keeping, from 1 to maxCacheSize: a show
     // that walks round more images than the cache holds never finds an
     // evicted one again, so it keeps only the previous, current and next
-    // slide. Entries beyond the new bound are evicted at once, oldest first.
+    // slide. Entries beyond the new bound are evicted at once, the oldest of
+    // those the show does not want first.
     void setCacheCapacity(int entries);
+    // The slides the show draws or is about to draw (the previous one while
+    // a fade runs, the current and the next one). Their entries are never
+    // evicted: when the cache is full, the entry that goes is the oldest of
+    // the others, and an image prepared for none of these slides is not
+    // stored while only wanted ones are held. An empty list wants nothing in
+    // particular, and the oldest entry goes. Changes nothing else: the
+    // requests are made as before.
+    void setWantedImages(const QStringList &paths);
     // Prepares the image in the calling thread. Kept on purpose as part of
     // the worker's interface, though nothing in the plug-in calls it.
     QPixmap processImageSynchronously(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
@@ -149,9 +158,14 @@ private:
     // Under mutex: stores (or replaces) the entry and makes it the youngest;
     // the bound is left to evictLocked.
     void storeLocked(const QString &path, const QPixmap &pixmap);
-    // Under mutex: drops the oldest entries beyond cacheCapacity, noting each
-    // dropped path and the size left after it, for the log.
+    // Under mutex: drops the entries beyond cacheCapacity, the oldest of
+    // those not wanted first and never a wanted one, noting each dropped path
+    // and the size left after it, for the log.
     void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction);
+    // Under mutex: whether a new entry for path would only displace one the
+    // show wants: the cache is full of wanted slides and path is none of
+    // them.
+    bool unwantedAndNoRoomLocked(const QString &path) const;
     static void logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction);
 
     // Guarded by mutex. Read by the GUI thread (lookups, requests, clearing)
@@ -165,6 +179,7 @@ private:
     std::atomic<quint64> generation{0};
     int preparationsStarted = 0;
     int cacheCapacity = maxCacheSize;
+    QStringList wantedImages;
 
     // The one short lock described above; no other lock is ever taken under
     // it. A std::mutex rather than a QMutex so that the thread sanitizer

@@ -123,6 +123,7 @@ void SlideLabel::setDir(const QString &dir)
     if (names.isEmpty()) {
         qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dir);
         imageFiles.clear();
+        updateWantedImages();
         return;
     }
     for (const QString &name : names) {
@@ -135,12 +136,13 @@ void SlideLabel::setDir(const QString &dir)
     previousKey = imageFiles.last();
     currentKey = imageFiles.first();
     currentIndex = 0;
+    // The first image shows without a fade, once the worker reports it.
+    opacity = 1.0;
+    updateWantedImages();
     requestImageCache(currentKey);
     if (imageFiles.size() > 1) {
         requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
     }
-    // The first image shows without a fade, once the worker reports it.
-    opacity = 1.0;
 }
 
 void SlideLabel::setNext()
@@ -152,6 +154,7 @@ void SlideLabel::setNext()
     currentIndex = (currentIndex + 1) % imageFiles.size();
     previousKey = currentKey;
     currentKey = imageFiles.at(currentIndex);
+    updateWantedImages();
     update();
     // The new current image was asked for one step earlier; only look ahead.
     requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
@@ -198,6 +201,26 @@ void SlideLabel::updateCacheCapacity()
     cacheWorker->setCacheCapacity(allFit ? ImageCacheWorker::maxCacheSize : 3);
 }
 
+void SlideLabel::updateWantedImages()
+{
+    QStringList wanted;
+    if (!imageFiles.isEmpty()) {
+        wanted.append(currentKey);
+        const QString &next = imageFiles.at((currentIndex + 1) % imageFiles.size());
+        if (next != currentKey) {
+            wanted.append(next);
+        }
+        // Once a fade has ended, the previous slide is no longer drawn.
+        if (opacity < 1.0 && !wanted.contains(previousKey)) {
+            wanted.append(previousKey);
+        }
+    }
+    if (wanted != wantedImages) {
+        wantedImages = wanted;
+        cacheWorker->setWantedImages(wantedImages);
+    }
+}
+
 void SlideLabel::setOpacity(double value)
 {
     if (qFuzzyCompare(value, opacity)) {
@@ -205,6 +228,7 @@ void SlideLabel::setOpacity(double value)
     }
     // Not clamped: the painter bounds the weights when drawing.
     opacity = value;
+    updateWantedImages();
     update();
 }
 

@@ -67,6 +67,9 @@ private:
     // Tells the worker how many prepared slides are worth keeping for the
     // images listed and the label's size.
     void updateCacheCapacity();
+    // Tells the worker which slides the show needs, when that changed: the
+    // previous one while a fade runs, the current and the next one.
+    void updateWantedImages();
 
     QStringList imageFiles;
     int currentIndex = 0;
@@ -74,6 +77,8 @@ private:
     QString previousKey;
     QString currentKey;
     Position position = Stretch;
+    // What the worker was last told is wanted.
+    QStringList wantedImages;
     // Held through a pointer rather than by value: Qt aborts the process when
     // a QThread object is destroyed while its thread still runs, so a thread
     // that does not finish in time is abandoned to end on its own and
