@@ -14,6 +14,7 @@
 #include <QPointer>
 #include <QRandomGenerator>
 #include <QSet>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -475,14 +476,20 @@ private Q_SLOTS:
                     (QList<LogEntry>{debug(settingLine(key(next))), debug(internalLine(next)), debug(evictionLine(stale, 3)), debug(sizeLine(3, 3))}));
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
 
-        // An image nobody wants, while every entry is wanted: reported as
-        // usual, but it takes no wanted slide's place.
+        // A request for a slide the show has passed is skipped unprepared.
         recorder.clear();
         QVERIFY(fixture.request(stale, screen));
-        QVERIFY(fixture.waitForReports(5));
-        QCOMPARE(fixture.receiver.reports.last().path, stale);
-        QCOMPARE(fixture.receiver.reports.last().pixmap.size(), screen.size());
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(stale))), debug(internalLine(stale)), debug(sizeLine(3, 3))}));
+        QVERIFY(fixture.flush());
+        QCOMPARE(fixture.receiver.reports.size(), 4);
+        COMPARE_LOG(
+            recorder,
+            (QList<LogEntry>{debug(settingLine(key(stale))),
+                             debug(internalLine(stale)),
+                             debug(QStringLiteral("ImageCacheWorker: the show has passed this slide, skipped without processing: ") + quoted(key(stale)))}));
+
+        // An image nobody wants, while every entry is wanted, does not take
+        // a wanted slide's place.
+        QCOMPARE(fixture.worker->processImageSynchronously(stale, screen, 1.0, Crop).size(), screen.size());
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
 
         // A lower capacity spares them too; without wishes the oldest goes.
@@ -731,7 +738,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("fileName");
         QTest::addColumn<bool>("create");
         QTest::newRow("text named like an image") << QStringLiteral("broken.png") << true;
-        QTest::newRow("missing file") << QStringLiteral("missing.jpg") << false;
+        QTest::newRow("empty file") << QStringLiteral("empty.jpg") << false;
     }
 
     void unreadableFileIsStoredBlackAndReported()
@@ -739,11 +746,12 @@ private Q_SLOTS:
         QFETCH(QString, fileName);
         QFETCH(bool, create);
         const QString path = m_dir.filePath(fileName);
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
         if (create) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
             file.write("this is not an image\n");
         }
+        file.close();
 
         WorkerFixture fixture;
         LogRecorder recorder;
@@ -761,6 +769,29 @@ private Q_SLOTS:
                                      debug(sizeLine(1, 1))}));
         QCOMPARE(snapshotOf(fixture.worker).cachedPaths, QStringList{path});
         QCOMPARE(fixture.worker->getCachedImage(path, screen, 1.5, Crop).cacheKey(), pixmap.cacheKey());
+    }
+
+    // A file deleted since the folder was listed is no unreadable image: the
+    // worker says it is gone, without a black slide or a warning.
+    void missingFileIsReportedGone()
+    {
+        const QString path = m_dir.filePath(QStringLiteral("missing.jpg"));
+        WorkerFixture fixture;
+        QSignalSpy gone(fixture.worker, &ImageCacheWorker::imageGone);
+        LogRecorder recorder;
+        QVERIFY(fixture.request(path, screen, 1.5, Crop));
+        QVERIFY(gone.wait(asyncTimeout));
+        QCOMPARE(gone.at(0).at(0).toString(), path);
+        QVERIFY(fixture.flush());
+        QVERIFY(fixture.receiver.reports.isEmpty());
+        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(path))), debug(internalLine(path))}));
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
+        QVERIFY(snapshot.cachedPaths.isEmpty());
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+        // Asked directly, it is still an unreadable file.
+        recorder.clear();
+        QCOMPARE(fixture.worker->cachedImage(path, screen, 1.0, Crop).toImage().pixel(10, 10), qRgb(0, 0, 0));
+        COMPARE_LOG(recorder, {warning(TestUtils::loadWarning(path))});
     }
 
     void nullResultIsReportedButNotStored()

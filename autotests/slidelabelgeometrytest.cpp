@@ -90,27 +90,20 @@ private Q_SLOTS:
         QTest::addColumn<QSize>("size");
         QTest::addColumn<QRect>("geometry");
         QTest::addColumn<double>("ratio");
-        QTest::addColumn<QString>("lookupSuffix");
 
         const double ratio = expectedRatio();
         if (qFuzzyCompare(ratio, 2.0)) {
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 1920, 1080) << 2.0
-                                                   << QStringLiteral("QRect(0,0 1920x1080) 2 1");
+            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 1920, 1080) << 2.0;
             // The position is not scaled, only the size.
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 640, 480) << 2.0
-                                                 << QStringLiteral("QRect(10,20 640x480) 2 1");
+            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 640, 480) << 2.0;
         } else if (qFuzzyCompare(ratio, 1.5)) {
             // The integer ratio of 1.5 is 1: the size stays, the fractional
             // ratio goes along.
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.5
-                                                   << QStringLiteral("QRect(0,0 960x540) 1.5 1");
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.5
-                                                 << QStringLiteral("QRect(10,20 320x240) 1.5 1");
+            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.5;
+            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.5;
         } else {
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.0
-                                                   << QStringLiteral("QRect(0,0 960x540) 1 1");
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.0
-                                                 << QStringLiteral("QRect(10,20 320x240) 1 1");
+            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.0;
+            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.0;
         }
     }
 
@@ -120,7 +113,6 @@ private Q_SLOTS:
         QFETCH(QSize, size);
         QFETCH(QRect, geometry);
         QFETCH(double, ratio);
-        QFETCH(QString, lookupSuffix);
         if (!checkRatio()) {
             return;
         }
@@ -138,7 +130,7 @@ private Q_SLOTS:
         label->setPosition(Crop);
 
         log.clear();
-        label->setDir(m_dir.path());
+        QVERIFY(setDirAndWait(*label, m_dir.path()));
         QCOMPARE(workerRequests(log), QStringList{queued(m_image, geometry.size())});
 
         QTRY_VERIFY(!inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Crop).isNull());
@@ -147,11 +139,12 @@ private Q_SLOTS:
         QCOMPARE(cached.devicePixelRatioF(), ratio);
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
-        // The paint looks the slide up by the same rectangle and ratio.
+        // The paint draws the label's own copy of that report, without
+        // asking the worker.
+        QCOMPARE(inspect(label).slide(m_image).cacheKey(), cached.cacheKey());
         log.clear();
         label->grab();
-        QCOMPARE(log.texts(QtDebugMsg),
-                 QStringList{QStringLiteral("ImageCacheWorker: return of a caching image for: ") + quoted(m_image) + QLatin1Char(' ') + lookupSuffix});
+        QVERIFY(log.texts(QtDebugMsg).isEmpty());
         QVERIFY(waitUntilIdle(inspect(label).worker()));
     }
 
@@ -175,7 +168,7 @@ private Q_SLOTS:
         label->show();
         QVERIFY(QTest::qWaitForWindowExposed(label.get()));
         label->setPosition(Position(mode));
-        label->setDir(m_dir.path());
+        QVERIFY(setDirAndWait(*label, m_dir.path()));
         const double ratio = expectedRatio();
         const QRect geometry = deviceGeometry(*label);
         QCOMPARE(geometry.size(), size * std::floor(ratio));

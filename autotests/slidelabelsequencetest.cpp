@@ -95,6 +95,11 @@ QString queuedLine(const QString &path)
         + quoted(path + QStringLiteral("|%1x%2").arg(labelSize.width()).arg(labelSize.height()));
 }
 
+QString listedLine(int count)
+{
+    return QStringLiteral("SlideLabel: Directory listed, images: %1").arg(count);
+}
+
 const QString clearingStarted = QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.");
 const QString clearingDone = QStringLiteral("ImageCacheWorker: All cache data are cleaned.");
 }
@@ -163,7 +168,7 @@ private Q_SLOTS:
         }
 
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QCOMPARE(inspect(label).files(), joined(dir.path(), expected));
         QCOMPARE(inspect(label).currentImage(), joined(dir.path(), expected).first());
     }
@@ -190,7 +195,7 @@ private Q_SLOTS:
         QVERIFY(QFile::link(QDir(elsewhere.path()).filePath(QStringLiteral("gone.png")), QDir(dir.path()).filePath(QStringLiteral("broken.png"))));
 
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QCOMPARE(inspect(label).files(), joined(dir.path(), {QStringLiteral("a.png"), QStringLiteral("link.png")}));
     }
 
@@ -220,7 +225,7 @@ private Q_SLOTS:
         auto label = makeLabel();
         log.clear();
         const QString directory = argument.contains(QLatin1String("%1")) ? argument.arg(dir.path()) : argument;
-        label->setDir(directory);
+        QVERIFY(setDirAndWait(*label, directory));
         QVERIFY(QDir::setCurrent(previousCurrent));
 
         const QString prefix = expectedPrefix.contains(QLatin1String("%1")) ? expectedPrefix.arg(dir.path()) : expectedPrefix;
@@ -241,7 +246,7 @@ private Q_SLOTS:
         // Whatever the fade was doing, a new directory starts without one.
         label->setOpacity(0.25);
         log.clear();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
 
         QCOMPARE(inspect(label).files(), paths);
         QCOMPARE(inspect(label).currentFileIndex(), 0);
@@ -249,8 +254,11 @@ private Q_SLOTS:
         // The one before the first in wrap-around order, not requested.
         QCOMPARE(inspect(label).previousImage(), paths.at(2));
         QCOMPARE(inspect(label).currentOpacity(), 1.0);
-        QCOMPARE(guiFlow(log),
-                 QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
+        // The folder is listed off the GUI thread: the requests follow its
+        // listing.
+        QCOMPARE(
+            guiFlow(log),
+            QStringList({settingDirectoryLine(dir.path()), clearingStarted, clearingDone, listedLine(3), queuedLine(paths.at(0)), queuedLine(paths.at(1))}));
         QCOMPARE(log.slideShowEntries().first(), entry(QtDebugMsg, settingDirectoryLine(dir.path())));
     }
 
@@ -262,7 +270,7 @@ private Q_SLOTS:
 
         LogRecorder log;
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         struct Step {
@@ -322,7 +330,7 @@ private Q_SLOTS:
 
         auto label = makeLabel();
         label->resize(size);
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QCOMPARE(snapshotOf(inspect(label).worker()).capacity, capacity);
         // One round of the show.
         for (int i = 0; i < images; ++i) {
@@ -346,7 +354,7 @@ private Q_SLOTS:
         writeFiles(dir.path(), {QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png"), QStringLiteral("d.png")});
         auto label = makeShownLabel();
         QVERIFY(label);
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QCOMPARE(snapshotOf(inspect(label).worker()).capacity, 10);
         label->resize(3840, 2160);
         QTRY_COMPARE(snapshotOf(inspect(label).worker()).capacity, 3);
@@ -363,7 +371,7 @@ private Q_SLOTS:
 
         LogRecorder log;
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QVERIFY(waitUntilIdle(inspect(label).worker()));
         log.clear();
         label->setNext();
@@ -385,7 +393,7 @@ private Q_SLOTS:
             // Nothing gets cached meanwhile, so no report repaints either.
             WorkerBlocker blocker(inspect(label).worker());
             QVERIFY(blocker.isHolding());
-            label->setDir(dir.path());
+            QVERIFY(setDirAndWait(*label, dir.path()));
             QCoreApplication::sendPostedEvents();
             QCoreApplication::processEvents();
             QCOMPARE(paints.count(), 0);
@@ -407,7 +415,7 @@ private Q_SLOTS:
         auto label = makeShownLabel();
         QVERIFY(label);
         log.clear();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QCOMPARE(inspect(label).files(), QStringList{path});
         QCOMPARE(inspect(label).currentImage(), path);
         QCOMPARE(inspect(label).previousImage(), path);
@@ -456,13 +464,13 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeShownLabel();
         QVERIFY(label);
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         label->setNext();
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         EventCounter paints(label.get(), QEvent::Paint);
         log.clear();
-        label->setDir(bad);
+        QVERIFY(setDirAndWait(*label, bad));
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
 
@@ -473,8 +481,9 @@ private Q_SLOTS:
         QCOMPARE(inspect(label).currentOpacity(), 0.0);
         QCOMPARE(log.texts(QtCriticalMsg), QStringList{criticalText(bad)});
         QCOMPARE(log.slideShowEntries().last(), entry(QtCriticalMsg, criticalText(bad)));
-        QCOMPARE(guiFlow(log), QStringList({settingDirectoryLine(bad), clearingStarted, clearingDone, criticalText(bad)}));
-        QCOMPARE(paints.count(), 0);
+        QCOMPARE(guiFlow(log), QStringList({settingDirectoryLine(bad), clearingStarted, clearingDone, listedLine(0), criticalText(bad)}));
+        // Until the listing came, the label drew nothing; now the message.
+        QCOMPARE(paints.count(), 1);
         // The cache was emptied before the scan.
         QVERIFY(snapshotOf(inspect(label).worker()).cachedPaths.isEmpty());
 
@@ -496,7 +505,7 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeLabel();
         QCOMPARE(inspect(label).fittingMode(), Stretch);
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QVERIFY(waitUntilIdle(inspect(label).worker()));
         const QStringList cached = snapshotOf(inspect(label).worker()).cachedPaths;
         QCOMPARE(cached, paths.mid(0, 2));
@@ -537,7 +546,7 @@ private Q_SLOTS:
 
         LogRecorder log;
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         for (int i = 0; i < steps; ++i) {
             label->setNext();
         }
@@ -575,7 +584,7 @@ private Q_SLOTS:
 
         LogRecorder log;
         auto label = makeLabel();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         log.clear();
@@ -612,7 +621,7 @@ private Q_SLOTS:
 
         auto label = makeLabel();
         label->setPosition(Center);
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         label->setNext();
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 

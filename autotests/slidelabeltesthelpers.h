@@ -21,10 +21,12 @@
 #include <QImage>
 #include <QMetaObject>
 #include <QObject>
+#include <QPointer>
 #include <QRect>
 #include <QString>
 #include <QStringList>
 #include <QTest>
+#include <QThread>
 #include <QWidget>
 
 #include <algorithm>
@@ -275,15 +277,40 @@ inline bool waitUntilIdle(Dm::ScreenSaver::ImageCacheWorker *worker)
     return idle;
 }
 
-// Deletes a label once its worker has gone through its queue, so that the
-// worker's thread ends (and the worker is destroyed there) in an order that
-// the thread sanitizer can follow: it cannot see the toolkit's own locks.
+// Waits until the label has taken the first listing of the folder it was
+// given: it lists folders off the GUI thread.
+inline bool waitForListing(const Dm::ScreenSaver::SlideLabel &label)
+{
+    return QTest::qWaitFor(
+        [&label] {
+            return !inspect(label).awaitingListing();
+        },
+        10000);
+}
+
+inline bool setDirAndWait(Dm::ScreenSaver::SlideLabel &label, const QString &directory)
+{
+    label.setDir(directory);
+    return waitForListing(label);
+}
+
+// Deletes a label once its worker has gone through its queue, then waits
+// until its thread has ended and the thread object is gone (the label never
+// waits for it), so that nothing of it outlives the test and the thread
+// sanitizer sees the worker's destruction in an order it can follow: it
+// cannot see the toolkit's own locks.
 struct IdleDeleter {
     void operator()(Dm::ScreenSaver::SlideLabel *label) const
     {
         if (label) {
             waitUntilIdle(inspect(label).worker());
+            const QPointer<QThread> thread = inspect(label).workerThread();
             delete label;
+            QTest::qWaitFor(
+                [&thread] {
+                    return thread.isNull();
+                },
+                10000);
         }
     }
 };

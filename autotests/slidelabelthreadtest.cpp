@@ -4,10 +4,9 @@
 */
 
 // The cache thread of SlideLabel: started by the constructor with the worker
-// moved into it; on destruction quit and waited for at most 5000 ms, the
-// worker deleted in its own thread, and a thread that does not finish in
-// time left to end (and delete itself) on its own instead of taking the
-// process down.
+// moved into it; on destruction asked to quit and never waited for (the GUI
+// thread takes the user's password): the thread ends on its own, the worker
+// is deleted in it, and the thread object after it.
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
@@ -36,8 +35,6 @@ using TestUtils::LogRecorder;
 namespace
 {
 const QString started = QStringLiteral("SlideLabel: Cache thread started.");
-const QString waiting = QStringLiteral("SlideLabel: Waiting for cache thread to finish before closing...");
-const QString timedOut = QStringLiteral("SlideLabel: Cache thread did not finish correctly within the timeout.");
 
 // Records the thread in which a watched object is destroyed. Connected by
 // name rather than through a slot object: the connection is made here while
@@ -155,18 +152,24 @@ private Q_SLOTS:
         QVERIFY(inspect(label).files().isEmpty());
     }
 
-    void metaObjectHasOnlyTheReportSlot()
+    // The worker's two answers: a report, which carries the generation of
+    // its request so that one made before a clearing is known, and a file
+    // that has gone.
+    void metaObjectHasOnlyTheWorkersSlots()
     {
         SlideLabel label;
         const QMetaObject *meta = label.metaObject();
         QCOMPARE(meta->className(), "Dm::ScreenSaver::SlideLabel");
         QCOMPARE(meta->superClass(), &QLabel::staticMetaObject);
-        QCOMPARE(meta->methodCount() - meta->methodOffset(), 1);
+        QCOMPARE(meta->methodCount() - meta->methodOffset(), 2);
         const QMetaMethod slot = meta->method(meta->methodOffset());
-        QCOMPARE(slot.methodSignature(), QByteArray("handleImageCached(QString,QPixmap)"));
+        QCOMPARE(slot.methodSignature(), QByteArray("handleImageCached(QString,QPixmap,qulonglong)"));
         QCOMPARE(slot.methodType(), QMetaMethod::Slot);
         QCOMPARE(slot.access(), QMetaMethod::Private);
-        QCOMPARE(slot.parameterNames(), QList<QByteArray>({QByteArray("path"), QByteArray("pixmap")}));
+        QCOMPARE(slot.parameterNames(), QList<QByteArray>({QByteArray("path"), QByteArray("pixmap"), QByteArray("generation")}));
+        const QMetaMethod gone = meta->method(meta->methodOffset() + 1);
+        QCOMPARE(gone.methodSignature(), QByteArray("handleImageGone(QString)"));
+        QCOMPARE(gone.access(), QMetaMethod::Private);
         QCOMPARE(meta->propertyCount(), meta->propertyOffset());
         QVERIFY(qobject_cast<SlideLabel *>(static_cast<QWidget *>(&label)));
         QVERIFY(label.inherits("Dm::ScreenSaver::SlideLabel"));
@@ -183,10 +186,12 @@ private Q_SLOTS:
         QThread *const workerThread = worker->thread();
         witness.watch(worker.data());
 
+        QPointer<QThread> thread = workerThread;
         delete label;
 
-        QCOMPARE(log.slideShowEntries(), QList<TestUtils::LogEntry>({entry(QtDebugMsg, started), entry(QtDebugMsg, waiting)}));
+        QCOMPARE(log.slideShowEntries(), QList<TestUtils::LogEntry>({entry(QtDebugMsg, started)}));
         QTRY_VERIFY(witness.done.load());
+        QTRY_VERIFY(thread.isNull());
         QVERIFY(worker.isNull());
         // Deleted by its own thread as that thread finished, not by the GUI
         // thread.
@@ -226,7 +231,7 @@ private Q_SLOTS:
             DestructionWitness witness;
             auto *label = new SlideLabel;
             label->resize(240, 180);
-            label->setDir(dir.path());
+            QVERIFY(setDirAndWait(*label, dir.path()));
             for (int i = 0; i < steps; ++i) {
                 label->setNext();
             }
@@ -256,7 +261,7 @@ private Q_SLOTS:
         LabelPointer label(new SlideLabel);
         label->resize(240, 180);
         QThread *const workerThread = inspect(label).worker()->thread();
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
         // The current image and the look-ahead both reported.
         QTRY_COMPARE(tagger.threadsOf(QStringLiteral("SlideLabel: Image cached")).size(), 2);
 
@@ -289,8 +294,10 @@ private Q_SLOTS:
                                   + quoted(QDir(dir.path()).filePath(QStringLiteral("b.png")))}));
     }
 
-    // Takes a little over five seconds: the label waits that long.
-    void destroyedWhileTheWorkerIsBusyWarnsAndAbandonsTheThread()
+    // The worker held in its thread (as by a read of a network share that
+    // went away) does not hold up the label's destruction: it returns at
+    // once, and the thread ends on its own once the worker is free.
+    void destroyedWhileTheWorkerIsHeldReturnsAtOnce()
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
@@ -310,28 +317,23 @@ private Q_SLOTS:
         auto blocker = std::make_unique<WorkerBlocker>(worker.data());
         QVERIFY(blocker->isHolding());
         // A request waits behind the held worker.
-        label->setDir(dir.path());
+        QVERIFY(setDirAndWait(*label, dir.path()));
 
         QElapsedTimer timer;
         timer.start();
         delete label;
         const qint64 elapsed = timer.elapsed();
 
-        // Still here: the running thread was not destroyed under the process.
-        QVERIFY2(elapsed >= 4900, qPrintable(QStringLiteral("returned after %1 ms").arg(elapsed)));
-        const QList<TestUtils::LogEntry> entries = log.slideShowEntries();
-        const int waitingAt = entries.indexOf(entry(QtDebugMsg, waiting));
-        const int warningAt = entries.indexOf(entry(QtWarningMsg, timedOut));
-        QVERIFY(waitingAt >= 0);
-        QVERIFY(warningAt > waitingAt);
-        QCOMPARE(log.count(timedOut), 1);
-        QCOMPARE(log.texts(QtWarningMsg), QStringList{timedOut});
+        // The old design waited up to 5000 ms here; a bound this wide only
+        // catches waiting.
+        QVERIFY2(elapsed < 1000, qPrintable(QStringLiteral("returned after %1 ms").arg(elapsed)));
+        QVERIFY(log.texts(QtWarningMsg).isEmpty());
         QVERIFY(!thread.isNull());
         QVERIFY(thread->isRunning());
         QVERIFY(!witness.done.load());
 
         // Once the worker is free the thread ends: the worker is deleted in
-        // it, and the abandoned thread object deletes itself.
+        // it, and the thread object after it.
         blocker->release();
         QTRY_VERIFY_WITH_TIMEOUT(witness.done.load(), 10000);
         QTRY_VERIFY(worker.isNull());

@@ -37,6 +37,12 @@ void returnFreeMemory()
     malloc_trim(0);
 #endif
 }
+
+// The path of a request key: everything before the size.
+QString pathOfKey(const QString &key)
+{
+    return key.left(key.lastIndexOf(QLatin1Char('|')));
+}
 }
 
 ImageCacheWorker::ImageCacheWorker(QObject *parent)
@@ -138,7 +144,7 @@ bool ImageCacheWorker::requestProcessImage(const QString &path, const QRect &geo
     // caller hears of it before this function returns.
     if (!cached.isNull()) {
         qCDebug(slideShowLog) << "ImageCacheWorker: the image is already caching with the correct size, the request for the request:" << path;
-        Q_EMIT imageCached(path, cached);
+        Q_EMIT imageCached(path, cached, requestGeneration);
         return false;
     }
     if (alreadyPending) {
@@ -162,7 +168,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
     qCDebug(slideShowLog) << "ImageCacheWorker: internal image processing:" << path;
     const QString key = getRequestKey(path, screenGeom);
 
-    enum class Start { Outdated, AlreadyCached, Prepare };
+    enum class Start { Outdated, Served, Passed, Deferred, AlreadyCached, Prepare };
     Start start = Start::Prepare;
     QPixmap pixmap;
     {
@@ -172,6 +178,14 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
             // the same key may be pending again for a newer request, so it is
             // left alone.
             start = Start::Outdated;
+        } else if (!pendingRequests.contains(key)) {
+            // Prepared ahead of its turn, or forgotten since.
+            start = Start::Served;
+        } else if (passedLocked(path)) {
+            pendingRequests.remove(key);
+            start = Start::Passed;
+        } else if (moreUrgentPendingLocked(path)) {
+            start = Start::Deferred;
         } else {
             pixmap = takeCachedAtSizeLocked(path, screenGeom.size());
             if (!pixmap.isNull()) {
@@ -179,66 +193,126 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
                 start = Start::AlreadyCached;
             } else {
                 ++preparationsStarted;
+                preparingPath = path;
+                preparationUnwanted.store(false);
             }
         }
     }
-    if (start == Start::Outdated) {
+    switch (start) {
+    case Start::Outdated:
         qCDebug(slideShowLog) << "ImageCacheWorker: the request was made before the cache was cleaned, skipped without processing:" << key;
         return;
-    }
-    if (start == Start::AlreadyCached) {
+    case Start::Served:
+        return;
+    case Start::Passed:
+        qCDebug(slideShowLog) << "ImageCacheWorker: the show has passed this slide, skipped without processing:" << key;
+        return;
+    case Start::Deferred:
+        // Its turn comes again after the request that is more urgent, which
+        // is queued ahead of this new call and is served when it comes.
+        QMetaObject::invokeMethod(this,
+                                  "processImageInternal",
+                                  Qt::QueuedConnection,
+                                  Q_ARG(QString, path),
+                                  Q_ARG(QRect, screenGeom),
+                                  Q_ARG(qreal, devicePixelRatio),
+                                  Q_ARG(int, position),
+                                  Q_ARG(quint64, requestGeneration));
+        return;
+    case Start::AlreadyCached:
         qCDebug(slideShowLog)
             << "ImageCacheWorker: The image has already been caching (from the other path) with the correct size, the passage of internal re -processing:"
             << path;
-        Q_EMIT imageCached(path, pixmap);
+        Q_EMIT imageCached(path, pixmap, requestGeneration);
         return;
+    case Start::Prepare:
+        break;
     }
 
     // No lock while the file is read, decoded and scaled. The reading ends
-    // early once a clearing has made this request outdated.
-    pixmap = prepareImage(path, screenGeom, devicePixelRatio, Position(position), [this, requestGeneration] {
-        return generation.load() != requestGeneration;
-    });
+    // early once a clearing has made this request outdated, or once the show
+    // no longer wants the slide.
+    bool gone = false;
+    pixmap = prepareImage(
+        path,
+        screenGeom,
+        devicePixelRatio,
+        Position(position),
+        [this, requestGeneration] {
+            return generation.load() != requestGeneration || preparationUnwanted.load();
+        },
+        &gone);
 
-    bool stillWanted = false;
+    enum class End { Dropped, Passed, Gone, Stored, NotStored };
+    End end = End::NotStored;
+    QList<QPixmap> evictedPixmaps;
     QStringList evicted;
     QList<int> sizesAfterEviction;
     int cacheSize = 0;
     int orderSize = 0;
     {
         std::lock_guard<std::mutex> locker(mutex);
-        stillWanted = requestGeneration == generation.load();
-        if (stillWanted) {
-            // The show may have passed this slide while it was prepared;
-            // it is still reported, but does not take a wanted one's place.
-            if (!pixmap.isNull() && !unwantedAndNoRoomLocked(path)) {
+        const bool unwanted = preparationUnwanted.load();
+        preparingPath.clear();
+        if (requestGeneration != generation.load()) {
+            end = End::Dropped;
+        } else {
+            // A request forgotten meanwhile is no longer pending either.
+            const bool forgotten = !pendingRequests.remove(key);
+            if (forgotten) {
+                end = End::Dropped;
+            } else if (gone) {
+                end = End::Gone;
+            } else if (unwanted && pixmap.isNull()) {
+                // Cut short: the show passed the slide while it was read.
+                end = End::Passed;
+            } else if (!pixmap.isNull() && !unwantedAndNoRoomLocked(path)) {
+                // The show may have passed this slide just after it was
+                // read; it is still reported, but does not take a wanted
+                // slide's place.
                 storeLocked(path, pixmap);
-                evictLocked(&evicted, &sizesAfterEviction);
+                evictLocked(&evicted, &sizesAfterEviction, &evictedPixmaps);
+                end = End::Stored;
             }
-            cacheSize = cache.size();
-            orderSize = cacheOrder.size();
-            pendingRequests.remove(key);
         }
+        cacheSize = cache.size();
+        orderSize = cacheOrder.size();
     }
-    if (!stillWanted) {
-        // A clearing came while the image was being prepared: it belongs to
-        // a directory, mode or size that is no longer shown.
+    evictedPixmaps.clear();
+    switch (end) {
+    case End::Dropped:
+        // A clearing came while the image was being prepared (it belongs to
+        // a directory, mode or size that is no longer shown), or the file
+        // was forgotten.
         qCDebug(slideShowLog) << "ImageCacheWorker: the image was prepared for a cache that has been cleaned since, it is dropped:" << path;
+        pixmap = QPixmap();
         returnFreeMemory();
         return;
+    case End::Passed:
+        qCDebug(slideShowLog) << "ImageCacheWorker: the show has passed this slide, skipped without processing:" << key;
+        pixmap = QPixmap();
+        returnFreeMemory();
+        return;
+    case End::Gone:
+        Q_EMIT imageGone(path);
+        return;
+    case End::Stored:
+        logEvictions(evicted, sizesAfterEviction);
+        Q_FALLTHROUGH();
+    case End::NotStored:
+        break;
     }
     if (pixmap.isNull()) {
         qCWarning(slideShowLog) << "ImageCacheWorker: The processed image is equal to NULL for the way:" << path;
     } else {
-        logEvictions(evicted, sizesAfterEviction);
         qCDebug(slideShowLog) << "ImageCacheWorker: The current size of the cache:" << cacheSize << ". Cache order size:" << orderSize;
     }
     // Reported for a null pixmap too: the request is over either way.
-    Q_EMIT imageCached(path, pixmap);
+    Q_EMIT imageCached(path, pixmap, requestGeneration);
     returnFreeMemory();
 }
 
-void ImageCacheWorker::clearAllCacheData()
+quint64 ImageCacheWorker::clearAllCacheData()
 {
     qCDebug(slideShowLog) << "ImageCacheWorker: the cleaning of all cache data is initiated.";
     // Swapped out under the lock and released after it: freeing ten
@@ -246,17 +320,50 @@ void ImageCacheWorker::clearAllCacheData()
     QMap<QString, QPixmap> oldCache;
     QList<QString> oldOrder;
     QSet<QString> oldPending;
+    quint64 newGeneration = 0;
     {
         std::lock_guard<std::mutex> locker(mutex);
         oldCache.swap(cache);
         oldOrder.swap(cacheOrder);
         oldPending.swap(pendingRequests);
-        ++generation;
+        newGeneration = ++generation;
     }
     qCDebug(slideShowLog) << "ImageCacheWorker: All cache data are cleaned.";
+    return newGeneration;
 }
 
-void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction)
+void ImageCacheWorker::forgetImages(const QStringList &paths)
+{
+    if (paths.isEmpty()) {
+        return;
+    }
+    const QSet<QString> forgotten(paths.cbegin(), paths.cend());
+    QList<QPixmap> dropped;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        for (const QString &path : paths) {
+            const auto it = cache.find(path);
+            if (it != cache.end()) {
+                dropped.append(*it);
+                cache.erase(it);
+                cacheOrder.removeOne(path);
+            }
+        }
+        for (auto it = pendingRequests.begin(); it != pendingRequests.end();) {
+            if (forgotten.contains(pathOfKey(*it))) {
+                it = pendingRequests.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        if (!preparingPath.isEmpty() && forgotten.contains(preparingPath)) {
+            preparationUnwanted.store(true);
+        }
+    }
+    // The pixmaps are freed here, outside the lock.
+}
+
+void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps)
 {
     // The order is oldest first; wanted slides are passed over, so that the
     // slide a fade is leaving is not dropped for the one after the next.
@@ -266,7 +373,8 @@ void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterE
             ++it;
             continue;
         }
-        cache.remove(*it);
+        // Handed out, so that the pixmap is freed once the lock is released.
+        pixmaps->append(cache.take(*it));
         evicted->append(*it);
         sizesAfterEviction->append(cache.size());
         it = cacheOrder.erase(it);
@@ -283,10 +391,33 @@ bool ImageCacheWorker::unwantedAndNoRoomLocked(const QString &path) const
     });
 }
 
+bool ImageCacheWorker::passedLocked(const QString &path) const
+{
+    return !wantedImages.isEmpty() && !wantedImages.contains(path);
+}
+
+bool ImageCacheWorker::moreUrgentPendingLocked(const QString &path) const
+{
+    const int rank = wantedImages.indexOf(path);
+    if (rank <= 0) {
+        return false;
+    }
+    for (const QString &pending : pendingRequests) {
+        const int pendingRank = wantedImages.indexOf(pathOfKey(pending));
+        if (pendingRank >= 0 && pendingRank < rank) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void ImageCacheWorker::setWantedImages(const QStringList &paths)
 {
     std::lock_guard<std::mutex> locker(mutex);
     wantedImages = paths;
+    if (!preparingPath.isEmpty() && passedLocked(preparingPath)) {
+        preparationUnwanted.store(true);
+    }
 }
 
 void ImageCacheWorker::logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction)
@@ -301,11 +432,13 @@ void ImageCacheWorker::setCacheCapacity(int entries)
 {
     QStringList evicted;
     QList<int> sizesAfterEviction;
+    QList<QPixmap> evictedPixmaps;
     {
         std::lock_guard<std::mutex> locker(mutex);
         cacheCapacity = qBound(1, entries, int(maxCacheSize));
-        evictLocked(&evicted, &sizesAfterEviction);
+        evictLocked(&evicted, &sizesAfterEviction, &evictedPixmaps);
     }
+    evictedPixmaps.clear();
     logEvictions(evicted, sizesAfterEviction);
 }
 
@@ -337,9 +470,10 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
     const QPixmap pixmap = cachedImage(path, geometry, devicePixelRatio, Position(position));
     if (!pixmap.isNull()) {
         // No eviction here: the next insertion by the worker enforces the
-        // bound. Nor is an image stored in a cache cleaned meanwhile.
+        // bound. Nor is an image stored in a cache cleaned meanwhile, nor in
+        // the place of a slide the show wants.
         std::lock_guard<std::mutex> locker(mutex);
-        if (startGeneration == generation.load()) {
+        if (startGeneration == generation.load() && !unwantedAndNoRoomLocked(path)) {
             storeLocked(path, pixmap);
         }
     }

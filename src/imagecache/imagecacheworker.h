@@ -29,26 +29,38 @@ namespace ScreenSaver
 // Prepares the slides of one SlideLabel on the label's cache thread and keeps
 // the last ten of them. The GUI thread asks with requestProcessImage, looks up
 // finished pixmaps with getCachedImage and empties everything with
-// clearAllCacheData; the worker answers only through imageCached.
+// clearAllCacheData; the worker answers only through imageCached (and
+// imageGone for a file that has disappeared).
 //
 // The GUI thread is the one that takes the user's password, so none of these
 // calls ever waits for an image being prepared:
 // - One lock, mutex, guards the bookkeeping: cache, cacheOrder,
-//   pendingRequests and generation. It is held only for a few container
-//   operations at a time, never while a file is opened, read, decoded or
-//   scaled, never while logging and never while imageCached is emitted.
+//   pendingRequests, wantedImages, preparingPath and generation. It is held
+//   only for a few container operations at a time, never while a file is
+//   opened, read, decoded or scaled, never while logging, never while
+//   imageCached is emitted and never while a pixmap is freed.
 // - generation counts the clearings. Every queued request carries the
 //   generation in which it was made; a request of an older generation is
 //   skipped when the worker's thread reaches it, and a preparation that was
-//   running when a clearing came is neither stored nor reported.
+//   running when a clearing came is neither stored nor reported. Every
+//   report carries the generation of its request, so that the owner can
+//   tell a report made before its last clearing.
+// - The owner says which slides the show needs (setWantedImages). A queued
+//   request for a slide the show has passed meanwhile is skipped; of the
+//   requests waiting, the current slide is prepared first, then the next,
+//   then the previous one, so that after a long hang the worker starts with
+//   the slide on the screen rather than with the look-aheads of every
+//   switch it missed.
 // - A preparation reads its file through a device of the worker's own that
 //   ends the input as soon as the preparation is no longer wanted (its
-//   generation is outdated, or stopPreparing was called) or has used up its
-//   time (preparationBudget, preparationTimeLimit), so that the decoder
-//   finishes at once.
+//   generation is outdated, stopPreparing was called, the show has passed
+//   the slide or the file was forgotten) or has used up its time
+//   (preparationBudget, preparationTimeLimit), so that the decoder finishes
+//   at once.
 //   Only a read blocked inside the kernel (a pipe without a writer, a dead
 //   network share) cannot be cut short; it holds the worker's thread, never
-//   the caller.
+//   the caller: the owner's teardown does not wait for the thread, which
+//   ends, and deletes the worker, once the read returns.
 class ImageCacheWorker : public QObject
 {
     Q_OBJECT
@@ -77,8 +89,13 @@ public:
     bool requestProcessImage(const QString &path, const QRect &geometry, double devicePixelRatio, int position);
     // Empties the cache and forgets the pending requests at once; the work
     // already queued or running is dropped when the worker's thread gets to
-    // it. Never waits.
-    void clearAllCacheData();
+    // it. Never waits. Returns the new generation: reports of requests made
+    // before the clearing carry an older one.
+    quint64 clearAllCacheData();
+    // Drops what is cached of these files and the requests waiting for them:
+    // they have left the show or were replaced. A preparation of one of them
+    // that is running is neither stored nor reported.
+    void forgetImages(const QStringList &paths);
     // Ends the reading of the image in preparation and skips whatever is
     // queued, without emptying anything: for an owner that goes away and
     // wants the worker's thread to end soon. From any thread.
@@ -96,6 +113,8 @@ public:
     // stored while only wanted ones are held. An empty list wants nothing in
     // particular, and the oldest entry goes. Changes nothing else: the
     // requests are made as before.
+    // Requests for other slides that are still queued, or being prepared,
+    // when the show has moved on are skipped.
     void setWantedImages(const QStringList &paths);
     // Prepares the image in the calling thread. Kept on purpose as part of
     // the worker's interface, though nothing in the plug-in calls it.
@@ -134,7 +153,11 @@ public:
     QPixmap center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
 
 Q_SIGNALS:
-    void imageCached(const QString &path, const QPixmap &pixmap);
+    // generation is that of the request (see clearAllCacheData).
+    void imageCached(const QString &path, const QPixmap &pixmap, quint64 generation);
+    // The file was not there when the worker came to open it: it has left
+    // the folder since it was listed. Nothing is reported for it.
+    void imageGone(const QString &path);
 
 private Q_SLOTS:
     // generation is the one in force when the request was queued: the key
@@ -148,8 +171,15 @@ private:
     friend class ImageCacheWorkerAccess;
 
     // cachedImage, ended early (a null pixmap, no warning) once unwanted
-    // returns true; unwanted is asked between small reads of the file.
-    QPixmap prepareImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position, const std::function<bool()> &unwanted) const;
+    // returns true; unwanted is asked between small reads of the file. With
+    // gone given, a file that does not exist is no unreadable file: a null
+    // pixmap without a warning, and gone set.
+    QPixmap prepareImage(const QString &path,
+                         const QRect &geometry,
+                         double devicePixelRatio,
+                         Position position,
+                         const std::function<bool()> &unwanted,
+                         bool *gone = nullptr) const;
     // Under mutex: the cached pixmap for path at size, made the youngest
     // entry; null if there is none.
     QPixmap takeCachedAtSizeLocked(const QString &path, const QSize &size);
@@ -161,11 +191,18 @@ private:
     // Under mutex: drops the entries beyond cacheCapacity, the oldest of
     // those not wanted first and never a wanted one, noting each dropped path
     // and the size left after it, for the log.
-    void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction);
+    // The dropped pixmaps are handed out, to be freed after the lock.
+    void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps);
     // Under mutex: whether a new entry for path would only displace one the
     // show wants: the cache is full of wanted slides and path is none of
     // them.
     bool unwantedAndNoRoomLocked(const QString &path) const;
+    // Under mutex: the show has said what it wants, and path is none of it.
+    bool passedLocked(const QString &path) const;
+    // Under mutex: whether a request waits for a slide the show needs more
+    // urgently than path (the current one before the next, the next before
+    // the previous).
+    bool moreUrgentPendingLocked(const QString &path) const;
     static void logEvictions(const QStringList &evicted, const QList<int> &sizesAfterEviction);
 
     // Guarded by mutex. Read by the GUI thread (lookups, requests, clearing)
@@ -179,7 +216,13 @@ private:
     std::atomic<quint64> generation{0};
     int preparationsStarted = 0;
     int cacheCapacity = maxCacheSize;
+    // The show's current, next and (while it fades) previous slide.
     QStringList wantedImages;
+    // The file being prepared in the worker's thread, if any. Set when the
+    // show passes it or it is forgotten meanwhile, under mutex; read by the
+    // preparation between two reads of its file without the lock.
+    QString preparingPath;
+    std::atomic<bool> preparationUnwanted{false};
 
     // The one short lock described above; no other lock is ever taken under
     // it. A std::mutex rather than a QMutex so that the thread sanitizer

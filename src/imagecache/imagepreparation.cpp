@@ -15,6 +15,7 @@
 #include <QColor>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QImageReader>
 #include <QPainter>
@@ -358,7 +359,8 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
                                        const QRect &geometry,
                                        double devicePixelRatio,
                                        Position position,
-                                       const std::function<bool()> &unwanted) const
+                                       const std::function<bool()> &unwanted,
+                                       bool *gone) const
 {
     // The black canvas of the target's size is the answer for a file that
     // cannot be read; it is only built then (at 4K it costs a full fill).
@@ -390,6 +392,10 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
                 decoded = reader.read();
                 visiblePartDelivered = plan.scaledClipRect.isValid() && decoded.size() == size;
             }
+        } else if (gone && !QFileInfo::exists(path)) {
+            // Deleted (or a link whose file was) since the folder was listed.
+            *gone = true;
+            return QPixmap();
         }
         if (file.cutShort()) {
             // Whatever the decoder made of the truncated input is not the

@@ -7,12 +7,12 @@
 
 #include "imagecache/imagecacheworker.h"
 #include "plugin/slideshowconstants.h"
+#include "slidelabel/folderlisting.h"
+#include "slidelabel/slidefolder.h"
 
 #include <KLocalizedString>
 
 #include <QColor>
-#include <QDir>
-#include <QFileInfo>
 #include <QFont>
 #include <QPainter>
 #include <QRectF>
@@ -20,6 +20,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <utility>
 
 namespace Dm
 {
@@ -29,19 +30,24 @@ SlideLabel::SlideLabel(QWidget *parent)
     : QLabel(parent)
     , cacheThread(new QThread)
 {
+    folder = new SlideFolder(
+        [this](const QSharedPointer<const FolderListing> &listing, bool first) {
+            takeListing(listing, first);
+        },
+        this);
     // No parent: an object with a parent cannot move to another thread.
     cacheWorker = new ImageCacheWorker(nullptr);
     cacheWorker->moveToThread(cacheThread);
     connect(cacheThread, &QThread::finished, cacheWorker, &QObject::deleteLater);
-    // Kept on purpose, though it never fires in time: the destructor stops
-    // the thread itself before the label emits destroyed.
+    // Kept on purpose, though the destructor has asked the thread to quit
+    // already by the time the label emits destroyed.
     connect(this, &QObject::destroyed, cacheThread, &QThread::quit);
     connect(cacheWorker, &ImageCacheWorker::imageCached, this, &SlideLabel::handleImageCached);
-    // Only takes effect for a thread abandoned by the destructor: a thread
-    // that ends in time is deleted there, which drops the posted deletion.
-    // Made here rather than at the time-out, where the thread could end
-    // between the check and the connection and never be deleted.
+    connect(cacheWorker, &ImageCacheWorker::imageGone, this, &SlideLabel::handleImageGone);
+    // The thread object goes when the thread has finished, after the worker:
+    // nothing waits for it.
     connect(cacheThread, &QThread::finished, cacheThread, &QObject::deleteLater);
+    countSlideThread(cacheThread);
     // Below every other thread of the host: the worker's decoding must not
     // take the processor from the GUI thread while a fade is painted. Safe
     // because nothing on the GUI thread ever waits for the worker.
@@ -51,18 +57,10 @@ SlideLabel::SlideLabel(QWidget *parent)
 
 SlideLabel::~SlideLabel()
 {
-    // The image in preparation ends its reading at once, so that the thread
-    // can end well within the wait below.
-    cacheWorker->stopPreparing();
+    // A listing that comes after this is dropped.
+    delete folder;
+    folder = nullptr;
     shutdownCacheThread();
-    if (cacheThread->isRunning()) {
-        // The worker is still busy after the time-out. Destroying a running
-        // thread would abort the host, so let it end on its own: the worker
-        // is deleted when it finishes, and the thread object after it.
-        disconnect(this, &QObject::destroyed, cacheThread, &QThread::quit);
-    } else {
-        delete cacheThread;
-    }
 }
 
 QRect SlideLabel::deviceGeometry() const
@@ -78,71 +76,169 @@ void SlideLabel::requestImageCache(const QString &path)
 
 void SlideLabel::shutdownCacheThread()
 {
-    if (!cacheThread->isRunning()) {
-        return;
-    }
-    qCDebug(slideShowLog) << "SlideLabel: Waiting for cache thread to finish before closing...";
+    // The image in preparation ends its reading at once and whatever is
+    // queued is skipped, so that the thread ends soon; only a read blocked
+    // in the kernel keeps it until the read returns. The worker is deleted
+    // in its thread, and the thread object after it, when it finishes;
+    // from here on neither touches the label.
+    cacheWorker->stopPreparing();
     cacheThread->quit();
-    if (cacheThread->wait(5000)) {
-        return;
-    }
-    qCWarning(slideShowLog) << "SlideLabel: Cache thread did not finish correctly within the timeout.";
+}
+
+void SlideLabel::clearCache()
+{
+    clearedGeneration = cacheWorker->clearAllCacheData();
+    slides.clear();
 }
 
 void SlideLabel::setDir(const QString &dir)
 {
     qCDebug(slideShowLog) << "SlideLabel: Setting directory to:" << dir;
     imageFiles.clear();
-    cacheWorker->clearAllCacheData();
+    clearCache();
+    updateWantedImages();
+    folderPath = dir;
+    awaitingListing = true;
+    goneSinceListing.clear();
+    folder->setFolder(dir);
+}
 
-    const QDir directory(dir);
-    static const QStringList nameFilters = {
-        QStringLiteral("*.jpg"),
-        QStringLiteral("*.jpeg"),
-        QStringLiteral("*.bmp"),
-        QStringLiteral("*.pbm"),
-        QStringLiteral("*.pgm"),
-        QStringLiteral("*.ppm"),
-        QStringLiteral("*.xbm"),
-        QStringLiteral("*.xpm"),
-        QStringLiteral("*.png"),
-    };
-    // Files only (links to files included, hidden files not), the patterns
-    // matched regardless of case; NoSort stands for the QDir's own sorting,
-    // which by default is by name ignoring case.
-    QStringList names = directory.entryList(nameFilters, QDir::Files, QDir::NoSort);
-    // QDir takes any link for a file; keep only what is, or leads to, a
-    // regular file. A link to a named pipe or a device would block the
-    // worker in open() for as long as nobody writes to it.
-    names.erase(std::remove_if(names.begin(),
-                               names.end(),
-                               [&directory](const QString &name) {
-                                   return !QFileInfo(directory.filePath(name)).isFile();
-                               }),
-                names.end());
-    if (names.isEmpty()) {
-        qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(dir);
-        imageFiles.clear();
-        updateWantedImages();
+void SlideLabel::takeListing(const QSharedPointer<const FolderListing> &listing, bool first)
+{
+    qCDebug(slideShowLog) << "SlideLabel: Directory listed, images:" << listing->paths.size();
+    if (awaitingListing || imageFiles.isEmpty()) {
+        const bool wasAwaited = awaitingListing;
+        awaitingListing = false;
+        goneSinceListing.clear();
+        if (listing->paths.isEmpty()) {
+            // Said once for the setting; a folder that stays missing is
+            // listed again quietly, every half minute.
+            if (wasAwaited || first) {
+                emptyShow(listing->folder);
+            }
+            return;
+        }
+        startShow(listing->paths);
         return;
     }
-    for (const QString &name : names) {
-        imageFiles.append(directory.filePath(name));
-    }
-    updateCacheCapacity();
+    followChanges(*listing);
+}
 
+void SlideLabel::emptyShow(const QString &folder)
+{
+    qCCritical(slideShowLog) << QStringLiteral("SlideLabel: The specified directory (%0) does not exist or does not contain image files.").arg(folder);
+    imageFiles.clear();
+    updateWantedImages();
+    update();
+}
+
+void SlideLabel::startShow(const QStringList &paths)
+{
+    imageFiles = paths;
+    updateCacheCapacity();
     // The "previous" image of a fresh sequence is the one before the first
     // in wrap-around order; it is not requested here.
     previousKey = imageFiles.last();
     currentKey = imageFiles.first();
     currentIndex = 0;
+    currentInShow = true;
     // The first image shows without a fade, once the worker reports it.
     opacity = 1.0;
     updateWantedImages();
     requestImageCache(currentKey);
     if (imageFiles.size() > 1) {
-        requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
+        requestImageCache(nextKey());
     }
+}
+
+void SlideLabel::followChanges(const FolderListing &listing)
+{
+    for (const QString &path : listing.left) {
+        if (!goneSinceListing.contains(path)) {
+            qCDebug(slideShowLog) << "SlideLabel: Image left the show:" << path;
+        }
+    }
+    for (const QString &path : listing.joined) {
+        qCDebug(slideShowLog) << "SlideLabel: Image joined the show:" << path;
+    }
+    goneSinceListing.clear();
+    if (listing.paths.isEmpty()) {
+        emptyShow(listing.folder);
+        return;
+    }
+
+    const QString formerNext = nextKey();
+    imageFiles = listing.paths;
+    placeCurrent();
+    // Removed and replaced files leave the cache at once: a replaced one is
+    // prepared afresh before it is shown again. The current slide stays on
+    // the screen until the next switch, whatever became of its file.
+    QStringList outdated = listing.left + listing.replaced;
+    cacheWorker->forgetImages(outdated);
+    for (const QString &path : std::as_const(outdated)) {
+        if (path != currentKey) {
+            slides.remove(path);
+        }
+    }
+    if (!previousKey.isEmpty() && listing.left.contains(previousKey)) {
+        previousKey.clear();
+    }
+    updateCacheCapacity();
+    updateWantedImages();
+    const QString next = nextKey();
+    if (next != currentKey && (next != formerNext || listing.replaced.contains(next))) {
+        requestImageCache(next);
+    }
+    update();
+}
+
+void SlideLabel::placeCurrent()
+{
+    // The order is the show's order, so the current slide's place is found
+    // without a pass over a list of perhaps many thousand images.
+    const auto place = std::lower_bound(imageFiles.cbegin(), imageFiles.cend(), currentKey, showsBefore);
+    const int index = int(place - imageFiles.cbegin());
+    currentInShow = place != imageFiles.cend() && *place == currentKey;
+    // Gone: the next switch goes to the image that followed it.
+    currentIndex = currentInShow ? index : (index + imageFiles.size() - 1) % imageFiles.size();
+}
+
+void SlideLabel::handleImageGone(const QString &path)
+{
+    const auto place = std::lower_bound(imageFiles.cbegin(), imageFiles.cend(), path, showsBefore);
+    if (place == imageFiles.cend() || *place != path) {
+        return;
+    }
+    qCDebug(slideShowLog) << "SlideLabel: Image left the show:" << path;
+    goneSinceListing.insert(path);
+    const QString formerNext = nextKey();
+    imageFiles.removeAt(int(place - imageFiles.cbegin()));
+    if (imageFiles.isEmpty()) {
+        emptyShow(folderPath);
+        return;
+    }
+    placeCurrent();
+    if (path != currentKey) {
+        slides.remove(path);
+    }
+    if (path == previousKey) {
+        previousKey.clear();
+    }
+    updateCacheCapacity();
+    updateWantedImages();
+    const QString next = nextKey();
+    if (next != currentKey && next != formerNext) {
+        requestImageCache(next);
+    }
+    update();
+}
+
+QString SlideLabel::nextKey() const
+{
+    if (imageFiles.isEmpty()) {
+        return QString();
+    }
+    return imageFiles.at((currentIndex + 1) % imageFiles.size());
 }
 
 void SlideLabel::setNext()
@@ -152,12 +248,18 @@ void SlideLabel::setNext()
     }
     opacity = 0.0;
     currentIndex = (currentIndex + 1) % imageFiles.size();
-    previousKey = currentKey;
+    // A slide that left the show is not drawn again, not even fading out.
+    previousKey = currentInShow ? currentKey : QString();
     currentKey = imageFiles.at(currentIndex);
+    currentInShow = true;
     updateWantedImages();
     update();
     // The new current image was asked for one step earlier; only look ahead.
-    requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
+    requestImageCache(nextKey());
+    if (currentIndex == 0) {
+        // A round is over: what changed in the folder meanwhile joins now.
+        folder->relist();
+    }
 }
 
 void SlideLabel::setPosition(Position position)
@@ -168,7 +270,7 @@ void SlideLabel::setPosition(Position position)
     this->position = position;
     qCDebug(slideShowLog) << "SlideLabel: Setting position to:" << int(position);
     // Every prepared pixmap was made for the old fitting mode.
-    cacheWorker->clearAllCacheData();
+    clearCache();
     if (imageFiles.isEmpty()) {
         return;
     }
@@ -177,10 +279,12 @@ void SlideLabel::setPosition(Position position)
 
 void SlideLabel::refillCache()
 {
-    requestImageCache(currentKey);
+    if (currentInShow) {
+        requestImageCache(currentKey);
+    }
     if (imageFiles.size() >= 2) {
-        requestImageCache(imageFiles.at((currentIndex + 1) % imageFiles.size()));
-        if (previousKey != currentKey) {
+        requestImageCache(nextKey());
+        if (!previousKey.isEmpty() && previousKey != currentKey) {
             requestImageCache(previousKey);
         }
     }
@@ -205,14 +309,25 @@ void SlideLabel::updateWantedImages()
 {
     QStringList wanted;
     if (!imageFiles.isEmpty()) {
-        wanted.append(currentKey);
-        const QString &next = imageFiles.at((currentIndex + 1) % imageFiles.size());
-        if (next != currentKey) {
+        if (currentInShow) {
+            wanted.append(currentKey);
+        }
+        const QString next = nextKey();
+        if (!wanted.contains(next)) {
             wanted.append(next);
         }
         // Once a fade has ended, the previous slide is no longer drawn.
-        if (opacity < 1.0 && !wanted.contains(previousKey)) {
+        if (opacity < 1.0 && !previousKey.isEmpty() && !wanted.contains(previousKey)) {
             wanted.append(previousKey);
+        }
+    }
+    // The label keeps what it draws or will draw: the current slide even
+    // when it has left the show, until the next switch.
+    for (auto it = slides.begin(); it != slides.end();) {
+        if (it.key() == currentKey || wanted.contains(it.key())) {
+            ++it;
+        } else {
+            it = slides.erase(it);
         }
     }
     if (wanted != wantedImages) {
@@ -239,9 +354,14 @@ void SlideLabel::paintEvent(QPaintEvent *event)
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
     painter.fillRect(rect(), Qt::transparent);
 
-    const QRect geometry = deviceGeometry();
-    const double ratio = devicePixelRatioF();
+    const QSize deviceSize = deviceGeometry().size();
     const QRectF target(0, 0, width(), height());
+    // The label's own copies, made for the size of the last clearing: no
+    // lock, no lookup in the worker.
+    const auto slide = [this, &deviceSize](const QString &path) {
+        const QPixmap pixmap = path.isEmpty() ? QPixmap() : slides.value(path);
+        return pixmap.size() == deviceSize ? pixmap : QPixmap();
+    };
 
     if (imageFiles.size() > 1) {
         // Each slide goes straight onto the widget with its weight as the
@@ -249,7 +369,7 @@ void SlideLabel::paintEvent(QPaintEvent *event)
         // same pixels as a transparent layer drawn at that opacity and then
         // composited, without filling two widget-sized layers per frame, and
         // at a ratio above 1 it keeps the slides at full device resolution.
-        const QPixmap previous = cacheWorker->getCachedImage(previousKey, geometry, ratio, position);
+        const QPixmap previous = slide(previousKey);
         if (previous.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: Previous image is not available from worker for drawing:" << previousKey;
         } else if (1.0 - opacity > 0.0) {
@@ -258,7 +378,7 @@ void SlideLabel::paintEvent(QPaintEvent *event)
             painter.setOpacity(1.0 - opacity);
             painter.drawPixmap(target, previous, QRectF());
         }
-        const QPixmap current = cacheWorker->getCachedImage(currentKey, geometry, ratio, position);
+        const QPixmap current = slide(currentKey);
         if (current.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: Current image is not available from worker for drawing:" << currentKey;
         } else if (opacity > 0.0) {
@@ -267,13 +387,14 @@ void SlideLabel::paintEvent(QPaintEvent *event)
         }
     } else if (imageFiles.size() == 1) {
         // A single image is shown at full weight whatever the fade says.
-        const QPixmap only = cacheWorker->getCachedImage(currentKey, geometry, ratio, position);
+        const QPixmap only = slide(currentKey);
         if (only.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: The only image is not available from worker for drawing:" << currentKey;
         } else {
             painter.drawPixmap(target, only, QRectF());
         }
-    } else {
+    } else if (!awaitingListing) {
+        // While the folder is being listed there is nothing to say yet.
         QFont font = painter.font();
         // Below 50 pixels of width the size would be 0, which QFont refuses
         // (with a warning on every paint); the painter's own size stays then.
@@ -299,15 +420,21 @@ void SlideLabel::resizeEvent(QResizeEvent *event)
     }
     // Every prepared pixmap has the old size. No update() of our own: the
     // toolkit repaints, and the worker's reports repaint again.
-    cacheWorker->clearAllCacheData();
+    clearCache();
     updateCacheCapacity();
     refillCache();
 }
 
-void SlideLabel::handleImageCached(const QString &path, const QPixmap &pixmap)
+void SlideLabel::handleImageCached(const QString &path, const QPixmap &pixmap, quint64 generation)
 {
-    // The pixmap is not used: painting always takes the worker's cached copy.
-    Q_UNUSED(pixmap)
+    // A report made before the last clearing is of another directory, mode
+    // or size, though its path and size may be the same.
+    if (generation < clearedGeneration) {
+        return;
+    }
+    if (!pixmap.isNull() && (wantedImages.contains(path) || path == currentKey)) {
+        slides.insert(path, pixmap);
+    }
     if (path == currentKey || path == previousKey) {
         qCDebug(slideShowLog) << "SlideLabel: Image cached for current/previous key, triggering update:" << path;
         update();

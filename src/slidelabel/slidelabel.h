@@ -8,9 +8,12 @@
 
 #include "imagecache/position.h"
 
+#include <QHash>
 #include <QLabel>
 #include <QPixmap>
 #include <QRect>
+#include <QSet>
+#include <QSharedPointer>
 #include <QString>
 #include <QStringList>
 
@@ -21,20 +24,26 @@ namespace Dm
 namespace ScreenSaver
 {
 class ImageCacheWorker;
+class SlideFolder;
+struct FolderListing;
 
-// Shows the slides of one directory: lists the images, steps through them,
-// asks its cache worker for fitted pixmaps and paints the previous and the
-// current slide with the cross-fade weight. It never decodes or scales an
-// image itself; painting only looks up what the worker has finished.
+// Shows the slides of one directory: has it listed, steps through its
+// images, asks its cache worker for fitted pixmaps and paints the previous
+// and the current slide with the cross-fade weight. It never lists a folder,
+// opens a file, decodes or scales an image itself, and never waits for a
+// thread that does: the GUI thread it runs on takes the user's password.
 class SlideLabel : public QLabel
 {
     Q_OBJECT
 
 public:
     explicit SlideLabel(QWidget *parent = nullptr);
+    // Returns at once, whatever the worker or a listing is doing: their
+    // threads end on their own.
     ~SlideLabel() override;
 
-    // Scans the directory and starts the sequence at its first image.
+    // Empties the show and has the directory listed; the show starts at its
+    // first image when the listing comes. Returns at once.
     void setDir(const QString &dir);
     // Advances to the next image, wrapping to the first after the last.
     void setNext();
@@ -48,19 +57,23 @@ protected:
     void resizeEvent(QResizeEvent *event) override;
 
 private Q_SLOTS:
-    void handleImageCached(const QString &path, const QPixmap &pixmap);
+    void handleImageCached(const QString &path, const QPixmap &pixmap, quint64 generation);
+    void handleImageGone(const QString &path);
 
 private:
     // Tests and tools read the state through SlideLabelAccess (slidelabel_p.h).
     friend class SlideLabelAccess;
 
     void requestImageCache(const QString &path);
+    // Asks the worker to stop and its thread to end, and returns.
     void shutdownCacheThread();
     // The rectangle by which images are requested and looked up: the label's
     // position, its size times the integer device-pixel ratio. Requests and
     // lookups must agree on it, since the worker only returns a pixmap of
     // exactly its size.
     QRect deviceGeometry() const;
+    // Empties the worker's cache and the label's own pixmaps.
+    void clearCache();
     // Asks for the visible images after the cache was emptied: current, then
     // next and previous.
     void refillCache();
@@ -68,8 +81,22 @@ private:
     // images listed and the label's size.
     void updateCacheCapacity();
     // Tells the worker which slides the show needs, when that changed: the
-    // previous one while a fade runs, the current and the next one.
+    // previous one while a fade runs, the current and the next one; and
+    // drops the label's own pixmaps of the others.
     void updateWantedImages();
+    // The image after the current one.
+    QString nextKey() const;
+    // Takes a listing of the folder: starts the show with the first one,
+    // follows the folder's changes with the later ones.
+    void takeListing(const QSharedPointer<const FolderListing> &listing, bool first);
+    void startShow(const QStringList &paths);
+    void followChanges(const FolderListing &listing);
+    // Puts the current slide where it belongs in the order after the list
+    // changed; a current slide that left the show stays on the screen until
+    // the next switch, which goes to the image that followed it.
+    void placeCurrent();
+    // The show has no images (left): the message is shown.
+    void emptyShow(const QString &folder);
 
     QStringList imageFiles;
     int currentIndex = 0;
@@ -77,12 +104,29 @@ private:
     QString previousKey;
     QString currentKey;
     Position position = Stretch;
+    // The folder shown, and whether its first listing is still awaited:
+    // until it comes the label draws neither a slide nor the message.
+    QString folderPath;
+    bool awaitingListing = false;
+    // False once the current slide has left the show (its file was removed):
+    // it is still drawn until the next switch, and never after it.
+    bool currentInShow = true;
+    // Images the worker found gone since the last listing, which will leave
+    // with it again.
+    QSet<QString> goneSinceListing;
     // What the worker was last told is wanted.
     QStringList wantedImages;
-    // Held through a pointer rather than by value: Qt aborts the process when
-    // a QThread object is destroyed while its thread still runs, so a thread
-    // that does not finish in time is abandoned to end on its own and
-    // deletes itself then.
+    // The pixmaps of the slides the show needs, as the worker reported them
+    // since the last clearing: painting draws these and takes no lock.
+    QHash<QString, QPixmap> slides;
+    // The worker's generation after the label's last clearing: a report of
+    // an older one was made for a directory, mode or size no longer shown.
+    quint64 clearedGeneration = 0;
+    // Lists the folder off the GUI thread; destroyed first.
+    SlideFolder *folder = nullptr;
+    // Deletes itself once its thread has finished: the label never waits
+    // for it, so a thread held in a read of a dead network share is left to
+    // end whenever the read returns.
     QThread *cacheThread = nullptr;
     // Lives in cacheThread; deleted there by deleteLater when it finishes.
     ImageCacheWorker *cacheWorker = nullptr;

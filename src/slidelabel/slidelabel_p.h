@@ -53,6 +53,20 @@ public:
     {
         return m_label->cacheWorker;
     }
+    QThread *workerThread() const
+    {
+        return m_label->cacheThread;
+    }
+    // Whether the first listing of the folder set is still awaited.
+    bool awaitingListing() const
+    {
+        return m_label->awaitingListing;
+    }
+    // The pixmap the label draws for a slide, null if it has none.
+    QPixmap slide(const QString &path) const
+    {
+        return m_label->slides.value(path);
+    }
 
 private:
     const SlideLabel *m_label;

@@ -1,0 +1,241 @@
+/*
+    SPDX-FileCopyrightText: 2026 The zav-screensaver-slideshow authors
+    SPDX-License-Identifier: GPL-2.0-or-later
+*/
+
+#include "slidelabel/slidefolder.h"
+
+#include <QFileSystemWatcher>
+#include <QMetaObject>
+#include <QThread>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace Dm
+{
+namespace ScreenSaver
+{
+namespace
+{
+std::atomic<int> s_runningThreads{0};
+
+// A folder of up to this many images has its files watched one by one, so
+// that a photo saved over another is seen too; a larger one only as a
+// folder, and its files are checked once a round.
+constexpr int watchedFilesLimit = 100;
+}
+
+int runningSlideThreads()
+{
+    return s_runningThreads.load();
+}
+
+void countSlideThread(QThread *thread)
+{
+    ++s_runningThreads;
+    QObject::connect(thread, &QObject::destroyed, thread, [] {
+        --s_runningThreads;
+    });
+}
+
+// Read by the listing and watcher threads, written by the SlideFolder on the
+// GUI thread when it goes; both under the mutex.
+struct SlideFolder::Channel {
+    std::mutex mutex;
+    SlideFolder *folder = nullptr;
+
+    // Calls call with the folder on its thread, unless it is gone by then.
+    static void post(const QSharedPointer<Channel> &channel, std::function<void(SlideFolder *)> call)
+    {
+        std::lock_guard<std::mutex> locker(channel->mutex);
+        if (!channel->folder) {
+            return;
+        }
+        // A call still queued when the folder is destroyed is dropped with
+        // the folder's posted events.
+        QMetaObject::invokeMethod(
+            channel->folder,
+            [channel, call = std::move(call)] {
+                SlideFolder *folder = nullptr;
+                {
+                    // Taken after the poster released it: the thread
+                    // sanitizer sees that what the poster wrote comes first
+                    // (the event queue's own locks are invisible to it).
+                    std::lock_guard<std::mutex> locker(channel->mutex);
+                    folder = channel->folder;
+                }
+                if (folder) {
+                    call(folder);
+                }
+            },
+            Qt::QueuedConnection);
+    }
+};
+
+// Watches a local folder (and its files, when there are few) from its own
+// thread, and asks for a listing once the changes have stopped for
+// settleTime. Everything of it lives and runs on that thread.
+class FolderWatcher : public QObject
+{
+public:
+    explicit FolderWatcher(QSharedPointer<SlideFolder::Channel> channel)
+        : m_channel(std::move(channel))
+    {
+    }
+
+    void watch(const QString &folder, const QStringList &files)
+    {
+        if (!m_watcher) {
+            m_watcher = new QFileSystemWatcher(this);
+            m_settle = new QTimer(this);
+            m_settle->setSingleShot(true);
+            m_settle->setInterval(int(settleTime));
+            connect(m_watcher, &QFileSystemWatcher::directoryChanged, m_settle, qOverload<>(&QTimer::start));
+            connect(m_watcher, &QFileSystemWatcher::fileChanged, m_settle, qOverload<>(&QTimer::start));
+            connect(m_settle, &QTimer::timeout, this, [this] {
+                SlideFolder::Channel::post(m_channel, [](SlideFolder *folder) {
+                    folder->relist();
+                });
+            });
+        }
+        const QStringList watched = m_watcher->directories() + m_watcher->files();
+        if (!watched.isEmpty()) {
+            m_watcher->removePaths(watched);
+        }
+        m_settle->stop();
+        if (!folder.isEmpty()) {
+            m_watcher->addPath(folder);
+        }
+        if (!files.isEmpty()) {
+            m_watcher->addPaths(files);
+        }
+    }
+
+private:
+    const QSharedPointer<SlideFolder::Channel> m_channel;
+    QFileSystemWatcher *m_watcher = nullptr;
+    QTimer *m_settle = nullptr;
+};
+
+SlideFolder::SlideFolder(Listed listed, QObject *parent)
+    : QObject(parent)
+    , m_listed(std::move(listed))
+    , m_channel(QSharedPointer<Channel>::create())
+{
+    m_channel->folder = this;
+    m_relistTimer.setSingleShot(true);
+    connect(&m_relistTimer, &QTimer::timeout, this, &SlideFolder::relist);
+}
+
+SlideFolder::~SlideFolder()
+{
+    {
+        std::lock_guard<std::mutex> locker(m_channel->mutex);
+        m_channel->folder = nullptr;
+    }
+    if (m_watcherThread) {
+        // The watcher and then the thread are deleted once it has finished.
+        m_watcherThread->quit();
+    }
+}
+
+void SlideFolder::setFolder(const QString &folder)
+{
+    m_folder = folder;
+    m_base.reset();
+    m_relistTimer.stop();
+    watch(QString(), QStringList());
+    const auto running = m_running.constFind(folder);
+    if (running != m_running.constEnd()) {
+        // Its result is this folder's listing as well as any.
+        m_awaited = *running;
+        return;
+    }
+    startListing();
+}
+
+void SlideFolder::relist()
+{
+    if (m_folder.isNull() || m_running.contains(m_folder)) {
+        return;
+    }
+    startListing();
+}
+
+bool SlideFolder::isListing() const
+{
+    return m_awaited != 0;
+}
+
+void SlideFolder::startListing()
+{
+    const quint64 request = ++m_lastRequest;
+    m_running.insert(m_folder, request);
+    m_awaited = request;
+    ++s_runningThreads;
+    // Detached: whatever the file system does, nobody waits for it.
+    std::thread([channel = m_channel, request, folder = m_folder, base = m_base]() {
+        const QSharedPointer<FolderListing> listing = listImageFolder(folder, base);
+        Channel::post(channel, [request, folder, listing](SlideFolder *target) {
+            target->take(request, folder, listing);
+        });
+        --s_runningThreads;
+    }).detach();
+}
+
+void SlideFolder::take(quint64 request, const QString &folder, const QSharedPointer<FolderListing> &listing)
+{
+    const auto running = m_running.constFind(folder);
+    if (running != m_running.constEnd() && *running == request) {
+        m_running.erase(running);
+    }
+    if (request != m_awaited) {
+        // Of a folder no longer shown, or of a setting made over since.
+        return;
+    }
+    m_awaited = 0;
+    const bool first = !m_base;
+    m_base = listing;
+    if (listing->paths.size() < 2) {
+        // Missing, or too few to show: perhaps a share not mounted yet.
+        m_relistTimer.start(missingRetry);
+    } else if (listing->unsettled) {
+        m_relistTimer.start(int(settleTime));
+    } else {
+        m_relistTimer.stop();
+    }
+    if (listing->local) {
+        watch(folder, listing->paths.size() <= watchedFilesLimit ? listing->paths : QStringList());
+    } else {
+        watch(QString(), QStringList());
+    }
+    m_listed(listing, first);
+}
+
+void SlideFolder::watch(const QString &folder, const QStringList &files)
+{
+    if (!m_watcherThread) {
+        if (folder.isEmpty()) {
+            return;
+        }
+        m_watcherThread = new QThread;
+        m_watcher = new FolderWatcher(m_channel);
+        m_watcher->moveToThread(m_watcherThread);
+        connect(m_watcherThread, &QThread::finished, m_watcher, &QObject::deleteLater);
+        connect(m_watcherThread, &QThread::finished, m_watcherThread, &QObject::deleteLater);
+        countSlideThread(m_watcherThread);
+        m_watcherThread->start();
+    }
+    FolderWatcher *watcher = m_watcher;
+    QMetaObject::invokeMethod(
+        m_watcher,
+        [watcher, folder, files] {
+            watcher->watch(folder, files);
+        },
+        Qt::QueuedConnection);
+}
+}
+}
