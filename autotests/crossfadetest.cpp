@@ -7,16 +7,10 @@
 // black window, in folders of more images than the cache keeps, after the
 // host's first resize and after a change of the fitting mode.
 
-#include "slidelabel/slidelabel.h"
-#include "slidelabel/slidelabel_p.h"
+#include "showhost.h"
 #include "slidelabeltesthelpers.h"
-#include "slideshow/slideshow.h"
-#include "slideshow/slideshow_p.h"
-#include "testutils.h"
 
-#include <QHBoxLayout>
 #include <QMap>
-#include <QPalette>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QVariantAnimation>
@@ -25,6 +19,7 @@
 
 using namespace Dm::ScreenSaver;
 using namespace SlideLabelTest;
+using TestUtils::ShowHost;
 
 namespace
 {
@@ -33,38 +28,6 @@ QColor colourOf(int index)
 {
     return QColor::fromHsv((index * 47) % 360, 220, 230);
 }
-
-// A host's window: black, with the screensaver filling it.
-struct Host {
-    QWidget window;
-    SlideShow *show = nullptr;
-
-    Host()
-    {
-        QPalette black = window.palette();
-        black.setColor(QPalette::Window, Qt::black);
-        window.setPalette(black);
-        window.setAutoFillBackground(true);
-        auto *layout = new QHBoxLayout(&window);
-        layout->setContentsMargins(0, 0, 0, 0);
-        show = new SlideShow(&window);
-        layout->addWidget(show);
-    }
-    ~Host()
-    {
-        waitUntilIdle(worker());
-    }
-
-    ImageCacheWorker *worker() const
-    {
-        return inspect(inspect(show).slideLabel()).worker();
-    }
-    QRgb centre()
-    {
-        const QPoint middle = window.rect().center();
-        return window.grab(QRect(middle, QSize(1, 1))).toImage().pixel(0, 0);
-    }
-};
 }
 
 class CrossFadeTest : public QObject
@@ -123,17 +86,14 @@ private Q_SLOTS:
         QFETCH(QSize, size);
         QFETCH(bool, modeChange);
 
-        Host host;
         // The switches are made by the test, never by the timer.
-        host.show->setProperty(TestUtils::settingsMap(m_folders.value(images), 3600, 1000, Crop));
-        host.window.resize(size);
-        host.window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&host.window));
-        QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), colourOf(0), 1), 20000);
+        ShowHost host(size);
+        host.apply(m_folders.value(images), 3600, 1000, Crop);
+        QVERIFY(host.shows(colourOf(0)));
         if (modeChange) {
-            host.show->setProperty(TestUtils::settingsMap(m_folders.value(images), 3600, 1000, Stretch));
+            host.apply(m_folders.value(images), 3600, 1000, Stretch);
             QVERIFY(waitUntilIdle(host.worker()));
-            QTRY_VERIFY_WITH_TIMEOUT(TestUtils::fuzzyColor(host.centre(), colourOf(0), 1), 20000);
+            QVERIFY(host.shows(colourOf(0)));
         }
         QCOMPARE(snapshotOf(host.worker()).capacity, 3);
 
@@ -145,7 +105,7 @@ private Q_SLOTS:
             fade->pause();
             // Where the eased fade gives both slides about half the weight.
             fade->setCurrentTime(fade->duration() * 3 / 10);
-            const double opacity = inspect(inspect(host.show).slideLabel()).currentOpacity();
+            const double opacity = inspect(host.label()).currentOpacity();
             QVERIFY(opacity > 0.4 && opacity < 0.6);
             // The next look-ahead is stored meanwhile.
             QVERIFY(waitUntilIdle(host.worker()));

@@ -6,7 +6,9 @@
 # answering: it shows the files of a backing folder, and hangs its listings
 # or its reads for as long as the test asks. The test asks through files in a
 # control folder: while "hold-listing" exists, every listing of a folder
-# waits; while "hold-reads" exists, every read of a file waits. Each waiting
+# waits; while "hold-reads" exists, every read of a file waits. A hold file
+# may give the most seconds that one operation waits, so that code that
+# waits for the folder makes a test fail rather than hang. Each waiting
 # operation counts itself in "waiting-listings" or "waiting-reads", so that
 # the test knows when a reader is really held. Changes made in the backing
 # folder are seen at once, but nothing is reported to file system watchers,
@@ -14,8 +16,8 @@
 #
 #   fusefolder.py BACKING MOUNTPOINT CONTROL
 
-import errno
 import os
+import subprocess
 import sys
 import threading
 import time
@@ -37,11 +39,16 @@ class HangingFolder(Operations):
         flag = os.path.join(self.control, "hold-" + what)
         if not os.path.exists(flag):
             return
+        try:
+            with open(flag) as limit:
+                deadline = time.monotonic() + float(limit.read().strip() or "inf")
+        except (OSError, ValueError):
+            deadline = float("inf")
         with self.lock:
             self.waiting[kind] += 1
             self._publish(kind)
         try:
-            while os.path.exists(flag):
+            while os.path.exists(flag) and time.monotonic() < deadline:
                 time.sleep(0.01)
         finally:
             with self.lock:
@@ -93,8 +100,19 @@ class HangingFolder(Operations):
         return {key: getattr(st, key) for key in keys}
 
 
+def unmount_when_orphaned(mountpoint):
+    # The test that started this program may crash: then the folder goes
+    # too, and with it everything the test's processes had open here.
+    parent = os.getppid()
+    while os.getppid() == parent:
+        time.sleep(0.1)
+    subprocess.call(["umount", "-l", mountpoint])
+    os._exit(0)
+
+
 if __name__ == "__main__":
     backing, mountpoint, control = sys.argv[1:4]
+    threading.Thread(target=unmount_when_orphaned, args=(mountpoint,), daemon=True).start()
     # No caching in the kernel: every listing and every read reaches this
     # program, and changes in the backing folder show at once.
     FUSE(HangingFolder(backing, control), mountpoint, foreground=True, nothreads=False, direct_io=True,

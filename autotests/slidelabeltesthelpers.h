@@ -306,11 +306,13 @@ struct IdleDeleter {
             waitUntilIdle(inspect(label).worker());
             const QPointer<QThread> thread = inspect(label).workerThread();
             delete label;
-            QTest::qWaitFor(
-                [&thread] {
-                    return thread.isNull();
-                },
-                10000);
+            if (!QTest::qWaitFor(
+                    [&thread] {
+                        return thread.isNull();
+                    },
+                    10000)) {
+                qWarning("the label's thread did not end");
+            }
         }
     }
 };

@@ -12,6 +12,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5svg5
     libkf5i18n-dev extra-cmake-modules gettext
     fonts-dejavu-core xvfb xauth locales
+    fuse3 python3-fusepy
 )
 read -r -a extra <<<"${ZAV_EXTRA_PACKAGES:-}"
 packages+=("${extra[@]}")

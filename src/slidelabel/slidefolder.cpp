@@ -105,8 +105,9 @@ public:
         if (!watched.isEmpty()) {
             m_watcher->removePaths(watched);
         }
-        m_settle->stop();
-        if (!folder.isEmpty()) {
+        if (folder.isEmpty()) {
+            m_settle->stop();
+        } else {
             m_watcher->addPath(folder);
         }
         if (!files.isEmpty()) {
@@ -217,6 +218,11 @@ void SlideFolder::take(quint64 request, const QString &folder, const QSharedPoin
 
 void SlideFolder::watch(const QString &folder, const QStringList &files)
 {
+    if (folder == m_watchedFolder && files == m_watchedFiles) {
+        return;
+    }
+    m_watchedFolder = folder;
+    m_watchedFiles = files;
     if (!m_watcherThread) {
         if (folder.isEmpty()) {
             return;
@@ -229,10 +235,17 @@ void SlideFolder::watch(const QString &folder, const QStringList &files)
         countSlideThread(m_watcherThread);
         m_watcherThread->start();
     }
+    // Posted under the channel's lock, which the call takes first: the
+    // thread sanitizer then sees that the watcher was made before it is
+    // used there (the event queue's own locks are invisible to it).
+    std::lock_guard<std::mutex> locker(m_channel->mutex);
     FolderWatcher *watcher = m_watcher;
     QMetaObject::invokeMethod(
         m_watcher,
-        [watcher, folder, files] {
+        [channel = m_channel, watcher, folder, files] {
+            {
+                std::lock_guard<std::mutex> received(channel->mutex);
+            }
             watcher->watch(folder, files);
         },
         Qt::QueuedConnection);

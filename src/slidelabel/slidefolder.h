@@ -95,6 +95,9 @@ private:
     // thread has finished.
     QThread *m_watcherThread = nullptr;
     FolderWatcher *m_watcher = nullptr;
+    // What the watcher was last told to watch.
+    QString m_watchedFolder;
+    QStringList m_watchedFiles;
 };
 }
 }
