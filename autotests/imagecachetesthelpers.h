@@ -163,9 +163,15 @@ public:
         reports.append(Report{path, pixmap, QThread::currentThread(), requestRunning});
     }
 
+    void handleImageGone(const QString &path)
+    {
+        gone.append(path);
+    }
+
     // Only the GUI thread touches these: queued reports arrive there, and
     // direct ones are made there.
     QList<Report> reports;
+    QStringList gone;
     bool requestRunning = false;
 };
 
@@ -180,6 +186,7 @@ public:
         worker->moveToThread(&thread);
         QObject::connect(&thread, &QThread::finished, worker, &QObject::deleteLater);
         QObject::connect(worker, &Dm::ScreenSaver::ImageCacheWorker::imageCached, &receiver, &Receiver::handleImageCached);
+        QObject::connect(worker, &Dm::ScreenSaver::ImageCacheWorker::imageGone, &receiver, &Receiver::handleImageGone);
         // Connected before the thread starts, so that the thread sees these
         // connections complete.
         QObject::connect(

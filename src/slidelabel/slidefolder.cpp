@@ -22,6 +22,17 @@ namespace
 {
 std::atomic<int> s_runningThreads{0};
 
+// Taken around every post to another thread and first thing in the posted
+// call: the event queue orders the call after the post through Qt's own
+// locks, which the thread sanitizer cannot see, and this one shows it that
+// order (also for the call object itself, which the post writes and the
+// call reads).
+std::mutex &handoffMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
 // A folder of up to this many images has its files watched one by one, so
 // that a photo saved over another is seen too; a larger one only as a
 // folder, and its files are checked once a round.
@@ -50,6 +61,7 @@ struct SlideFolder::Channel {
     // Calls call with the folder on its thread, unless it is gone by then.
     static void post(const QSharedPointer<Channel> &channel, std::function<void(SlideFolder *)> call)
     {
+        std::lock_guard<std::mutex> handoff(handoffMutex());
         std::lock_guard<std::mutex> locker(channel->mutex);
         if (!channel->folder) {
             return;
@@ -59,11 +71,11 @@ struct SlideFolder::Channel {
         QMetaObject::invokeMethod(
             channel->folder,
             [channel, call = std::move(call)] {
+                {
+                    std::lock_guard<std::mutex> received(handoffMutex());
+                }
                 SlideFolder *folder = nullptr;
                 {
-                    // Taken after the poster released it: the thread
-                    // sanitizer sees that what the poster wrote comes first
-                    // (the event queue's own locks are invisible to it).
                     std::lock_guard<std::mutex> locker(channel->mutex);
                     folder = channel->folder;
                 }
@@ -235,16 +247,15 @@ void SlideFolder::watch(const QString &folder, const QStringList &files)
         countSlideThread(m_watcherThread);
         m_watcherThread->start();
     }
-    // Posted under the channel's lock, which the call takes first: the
-    // thread sanitizer then sees that the watcher was made before it is
-    // used there (the event queue's own locks are invisible to it).
-    std::lock_guard<std::mutex> locker(m_channel->mutex);
+    // The watcher was made on this thread and is used on its own: the
+    // handoff shows the thread sanitizer that order.
+    std::lock_guard<std::mutex> handoff(handoffMutex());
     FolderWatcher *watcher = m_watcher;
     QMetaObject::invokeMethod(
         m_watcher,
-        [channel = m_channel, watcher, folder, files] {
+        [watcher, folder, files] {
             {
-                std::lock_guard<std::mutex> received(channel->mutex);
+                std::lock_guard<std::mutex> received(handoffMutex());
             }
             watcher->watch(folder, files);
         },
