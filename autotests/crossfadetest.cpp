@@ -4,18 +4,26 @@
 */
 
 // What a person sees in the middle of a fade: the screensaver in a host's
-// black window, in folders of more images than the cache keeps, after the
-// host's first resize and after a change of the fitting mode.
+// window, in folders of more images than the cache keeps, after the host's
+// first resize and after a change of the fitting mode; a true mix of the two
+// slides over any background, transparency showing what lies beneath, a
+// fade that waits for a slow slide, and a paint that never takes the
+// worker's lock.
 
+#include "fusefolder.h"
+#include "imagecache/imagecacheworker_p.h"
 #include "showhost.h"
 #include "slidelabeltesthelpers.h"
 
+#include <QElapsedTimer>
 #include <QMap>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QVariantAnimation>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 using namespace Dm::ScreenSaver;
 using namespace SlideLabelTest;
@@ -119,6 +127,173 @@ private Q_SLOTS:
             QCOMPARE(fade->state(), QAbstractAnimation::Stopped);
             QVERIFY(TestUtils::fuzzyColor(host.centre(), colourOf(slide), 1));
         }
+    }
+
+    void midFadeIsATrueMix_data()
+    {
+        QTest::addColumn<int>("images");
+        QTest::addColumn<QColor>("background");
+        for (int images : {2, 12}) {
+            for (const QColor &background : {QColor(Qt::black), QColor(Qt::white)}) {
+                QTest::newRow(qPrintable(QStringLiteral("%1 images over %2").arg(images).arg(background.name()))) << images << background;
+            }
+        }
+    }
+
+    // Where both slides are opaque the picture is opacity x current +
+    // (1 - opacity) x previous, whatever lies beneath: the background never
+    // shows through (the first design darkened the middle of every fade).
+    void midFadeIsATrueMix()
+    {
+        QFETCH(int, images);
+        QFETCH(QColor, background);
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        for (int i = 0; i < images; ++i) {
+            TestUtils::writeSolidImage(dir.path(), QStringLiteral("%1.png").arg(i, 2, 10, QLatin1Char('0')), QSize(32, 18), colourOf(i));
+        }
+        ShowHost host(QSize(320, 180), background);
+        host.apply(dir.path(), 3600, 1000);
+        QVERIFY(host.shows(colourOf(0)));
+        QVERIFY(waitUntilIdle(host.worker()));
+        host.show->updateSlide();
+        QVariantAnimation *fade = inspect(host.show).fadeAnimation();
+        fade->pause();
+        for (int step = 1; step < 6; ++step) {
+            fade->setCurrentTime(fade->duration() * step / 6);
+            const double o = inspect(host.label()).currentOpacity();
+            const QColor expected(qRound(o * colourOf(1).red() + (1 - o) * colourOf(0).red()),
+                                  qRound(o * colourOf(1).green() + (1 - o) * colourOf(0).green()),
+                                  qRound(o * colourOf(1).blue() + (1 - o) * colourOf(0).blue()));
+            QVERIFY2(TestUtils::fuzzyColor(host.centre(), expected, 2),
+                     qPrintable(QStringLiteral("at %1: %2, expected %3").arg(o).arg(QColor(host.centre()).name(), expected.name())));
+        }
+        fade->setCurrentTime(fade->duration());
+    }
+
+    // A transparent slide shows the previous one through its transparency
+    // while it fades in, and the host's background once the fade is over.
+    void transparentSlideShowsWhatLiesBeneath()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        TestUtils::writeSolidImage(dir.path(), QStringLiteral("a.png"), QSize(32, 18), colourOf(0));
+        // Transparent on its left half, opaque on its right one.
+        QImage half(32, 18, QImage::Format_ARGB32);
+        half.fill(Qt::transparent);
+        for (int y = 0; y < 18; ++y) {
+            for (int x = 16; x < 32; ++x) {
+                half.setPixelColor(x, y, colourOf(1));
+            }
+        }
+        TestUtils::writeImage(dir.path(), QStringLiteral("b.png"), half);
+        ShowHost host(QSize(320, 180), Qt::white);
+        // Stretched, so that the halves stay halves.
+        host.apply(dir.path(), 3600, 1000, Stretch);
+        QVERIFY(host.shows(colourOf(0)));
+        QVERIFY(waitUntilIdle(host.worker()));
+        host.show->updateSlide();
+        QVariantAnimation *fade = inspect(host.show).fadeAnimation();
+        fade->pause();
+        fade->setCurrentTime(fade->duration() * 3 / 10);
+        const double o = inspect(host.label()).currentOpacity();
+        const QPoint left(40, 90);
+        const QPoint right(280, 90);
+        QVERIFY(TestUtils::fuzzyColor(host.at(left), colourOf(0), 2));
+        const QColor mix = QColor::fromRgba(TestUtils::crossFadePixel(Qt::white, colourOf(0), colourOf(1), o));
+        QVERIFY(TestUtils::fuzzyColor(host.at(right), mix, 2));
+        fade->setCurrentTime(fade->duration());
+        QVERIFY(TestUtils::fuzzyColor(host.at(left), Qt::white, 0));
+        QVERIFY(TestUtils::fuzzyColor(host.at(right), colourOf(1), 2));
+    }
+
+    void fadeWaitsForItsSlide_data()
+    {
+        QTest::addColumn<bool>("longerThanAnInterval");
+        QTest::newRow("ready within the interval") << false;
+        QTest::newRow("held longer than an interval") << true;
+    }
+
+    // The switch to a slide that is not ready (a slow file): the fade starts
+    // when the slide comes, at most one interval after the switch; until
+    // then, and until the slide comes, the previous one stays at full
+    // weight (the first design faded towards nothing).
+    void fadeWaitsForItsSlide()
+    {
+        QFETCH(bool, longerThanAnInterval);
+        TestUtils::FuseFolder fuse;
+        if (!fuse.error().isEmpty()) {
+            QSKIP(qPrintable(fuse.error()));
+        }
+        for (int i = 0; i < 3; ++i) {
+            TestUtils::writeSolidImage(fuse.backing(), QStringLiteral("%1.png").arg(i), QSize(32, 18), colourOf(i));
+        }
+        ShowHost host;
+        host.apply(fuse.path(), 2, 400);
+        QVERIFY(host.shows(colourOf(0)));
+        QVERIFY(waitUntilIdle(host.worker()));
+        QVariantAnimation *fade = inspect(host.show).fadeAnimation();
+        // The look-ahead of this switch hangs in its read.
+        fuse.holdReads(true);
+        host.show->updateSlide();
+        QCOMPARE(fade->state(), QAbstractAnimation::Running);
+        QTRY_VERIFY(fuse.waitingReads() >= 1);
+        QTRY_COMPARE(fade->state(), QAbstractAnimation::Stopped);
+        host.show->stop();
+
+        QElapsedTimer clock;
+        clock.start();
+        host.show->updateSlide();
+        QCOMPARE(fade->state(), QAbstractAnimation::Stopped);
+        QCOMPARE(inspect(host.label()).currentOpacity(), 0.0);
+        QVERIFY(host.shows(colourOf(1)));
+        if (!longerThanAnInterval) {
+            fuse.holdReads(false);
+            QTRY_VERIFY(fade->state() == QAbstractAnimation::Running || inspect(host.label()).currentOpacity() == 1.0);
+            QVERIFY(clock.elapsed() < 2000);
+        } else {
+            // Still held: after the interval the fade runs all the same,
+            // with nothing to fade in yet.
+            QTRY_COMPARE_WITH_TIMEOUT(fade->state(), QAbstractAnimation::Running, 5000);
+            QVERIFY(clock.elapsed() >= 1900);
+            QVERIFY(fuse.waitingReads() >= 1);
+            QVERIFY(host.shows(colourOf(1)));
+            fuse.holdReads(false);
+        }
+        QVERIFY(host.shows(colourOf(2)));
+        host.show->stop();
+    }
+
+    // Painting never waits for the worker: it draws the label's own copies
+    // of the slides, also while another thread holds the worker's lock.
+    void paintTakesNoLock()
+    {
+        ShowHost host;
+        host.apply(m_folders.value(11), 3600, 1000);
+        QVERIFY(host.shows(colourOf(0)));
+        QVERIFY(waitUntilIdle(host.worker()));
+        std::atomic<bool> holding{false};
+        std::atomic<bool> release{false};
+        ImageCacheWorker *worker = host.worker();
+        std::thread holder([&] {
+            const auto lock = ImageCacheWorkerAccess::lock(worker);
+            holding = true;
+            // Released by the test, or after a while if the paint waited.
+            QElapsedTimer held;
+            held.start();
+            while (!release && held.elapsed() < 10000) {
+                std::this_thread::yield();
+            }
+        });
+        QTRY_VERIFY(holding.load());
+        QElapsedTimer clock;
+        clock.start();
+        const QRgb centre = host.centre();
+        const qint64 painting = clock.elapsed();
+        release = true;
+        holder.join();
+        QVERIFY2(painting < 1000, qPrintable(QStringLiteral("the paint took %1 ms").arg(painting)));
+        QVERIFY(TestUtils::fuzzyColor(centre, colourOf(0), 2));
     }
 };
 

@@ -21,7 +21,8 @@
 
 namespace TestUtils
 {
-// The screensaver as a greeter shows it: filling a black window. The
+// The screensaver as a greeter shows it: filling a black window (or one of
+// another colour). The
 // switches are the test's to make (an interval of an hour) unless it applies
 // settings of its own.
 struct ShowHost {
@@ -29,11 +30,11 @@ struct ShowHost {
     Dm::ScreenSaver::SlideShow *show = nullptr;
     bool exposed = false;
 
-    explicit ShowHost(const QSize &size = QSize(320, 240))
+    explicit ShowHost(const QSize &size = QSize(320, 240), const QColor &background = Qt::black)
     {
-        QPalette black = window.palette();
-        black.setColor(QPalette::Window, Qt::black);
-        window.setPalette(black);
+        QPalette palette = window.palette();
+        palette.setColor(QPalette::Window, background);
+        window.setPalette(palette);
         window.setAutoFillBackground(true);
         auto *layout = new QHBoxLayout(&window);
         layout->setContentsMargins(0, 0, 0, 0);
@@ -71,8 +72,11 @@ struct ShowHost {
     }
     QRgb centre()
     {
-        const QPoint middle = window.rect().center();
-        return window.grab(QRect(middle, QSize(1, 1))).toImage().pixel(0, 0);
+        return at(window.rect().center());
+    }
+    QRgb at(const QPoint &point)
+    {
+        return window.grab(QRect(point, QSize(1, 1))).toImage().pixel(0, 0);
     }
     // Waits until the centre shows the colour, within the rounding of the
     // drawing.

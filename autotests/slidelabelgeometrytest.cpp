@@ -3,10 +3,13 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// The device geometry by which SlideLabel asks for and looks up its images:
-// its position, its size times the integer device-pixel ratio, and beside it
-// the fractional ratio. CTest runs this program at the ratios 1, 2 and 1.5
-// (QT_SCALE_FACTOR); ZAV_EXPECTED_DEVICE_PIXEL_RATIO names the one in force.
+// The device geometry by which SlideLabel asks for its images: its position,
+// its size times the device-pixel ratio (also a fractional one) rounded, the
+// screen's real pixels, and beside it the ratio. CTest runs this program at
+// the ratios 1, 1.25, 1.5, 1.75 and 2 (QT_SCALE_FACTOR), one process each;
+// ZAV_EXPECTED_DEVICE_PIXEL_RATIO names the one in force. A picture with as
+// many pixels as the screen is shown pixel for pixel in Crop and Stretch;
+// Center and Tile show an image at its logical size.
 
 #include "imagecache/imagecacheworker.h"
 #include "slidelabel/slidelabel.h"
@@ -84,35 +87,23 @@ private Q_SLOTS:
         m_image = TestUtils::writeImage(m_dir.path(), QStringLiteral("slide.png"), patternImage(QSize(64, 36)));
     }
 
-    void requestsAndLookupsUseTheDeviceGeometry_data()
+    void requestsUseTheScreensPixels_data()
     {
         QTest::addColumn<QPoint>("position");
         QTest::addColumn<QSize>("size");
-        QTest::addColumn<QRect>("geometry");
-        QTest::addColumn<double>("ratio");
 
-        const double ratio = expectedRatio();
-        if (qFuzzyCompare(ratio, 2.0)) {
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 1920, 1080) << 2.0;
-            // The position is not scaled, only the size.
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 640, 480) << 2.0;
-        } else if (qFuzzyCompare(ratio, 1.5)) {
-            // The integer ratio of 1.5 is 1: the size stays, the fractional
-            // ratio goes along.
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.5;
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.5;
-        } else {
-            QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540) << QRect(0, 0, 960, 540) << 1.0;
-            QTest::newRow("320x240 at (10, 20)") << QPoint(10, 20) << QSize(320, 240) << QRect(10, 20, 320, 240) << 1.0;
-        }
+        QTest::newRow("960x540 at the origin") << QPoint(0, 0) << QSize(960, 540);
+        // The position is not scaled, only the size.
+        QTest::newRow("321x241 at (10, 20)") << QPoint(10, 20) << QSize(321, 241);
     }
 
-    void requestsAndLookupsUseTheDeviceGeometry()
+    void requestsUseTheScreensPixels()
     {
         QFETCH(QPoint, position);
         QFETCH(QSize, size);
-        QFETCH(QRect, geometry);
-        QFETCH(double, ratio);
+        const double ratio = expectedRatio();
+        // At 1.5 the first design asked for 960x540 and magnified it.
+        const QRect geometry(position, QSize(qRound(size.width() * ratio), qRound(size.height() * ratio)));
         if (!checkRatio()) {
             return;
         }
@@ -148,60 +139,136 @@ private Q_SLOTS:
         QVERIFY(waitUntilIdle(inspect(label).worker()));
     }
 
-    void paintedSlideFillsTheWidgetAtTheDeviceRatio_data()
+    void checkerboardIsShownPixelForPixel_data()
     {
         QTest::addColumn<int>("mode");
-        QTest::newRow("stretched") << int(Stretch);
-        QTest::newRow("cropped") << int(Crop);
+        QTest::newRow("Stretch") << int(Stretch);
+        QTest::newRow("Crop") << int(Crop);
     }
 
-    void paintedSlideFillsTheWidgetAtTheDeviceRatio()
+    // A one-pixel checkerboard exactly as large as the screen's pixels is
+    // shown pixel for pixel: prepared at the real size and drawn without
+    // being resampled, also at a fractional scale factor (where the first
+    // design prepared it at the integer ratio's size and magnified it, so
+    // that not one pixel stayed black or white).
+    void checkerboardIsShownPixelForPixel()
     {
         QFETCH(int, mode);
         if (!checkRatio()) {
             return;
         }
+        const double ratio = expectedRatio();
+        // Whole numbers of pixels at every ratio tried.
+        const QSize size(640, 480);
+        const QSize device(qRound(size.width() * ratio), qRound(size.height() * ratio));
+        QImage board(device, QImage::Format_RGB32);
+        for (int y = 0; y < device.height(); ++y) {
+            for (int x = 0; x < device.width(); ++x) {
+                board.setPixel(x, y, (x + y) % 2 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
+            }
+        }
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString path = TestUtils::writeImage(dir.path(), QStringLiteral("board.png"), board);
 
-        const QSize size(320, 180);
         LabelPointer label(new SlideLabel);
         label->resize(size);
         label->show();
         QVERIFY(QTest::qWaitForWindowExposed(label.get()));
         label->setPosition(Position(mode));
-        QVERIFY(setDirAndWait(*label, m_dir.path()));
-        const double ratio = expectedRatio();
-        const QRect geometry = deviceGeometry(*label);
-        QCOMPARE(geometry.size(), size * std::floor(ratio));
-        QTRY_VERIFY(!inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Position(mode)).isNull());
-        QVERIFY(waitUntilIdle(inspect(label).worker()));
-        const QPixmap slide = inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Position(mode));
+        QVERIFY(setDirAndWait(*label, dir.path()));
+        QTRY_VERIFY(!inspect(label).slide(path).isNull());
+        QCOMPARE(inspect(label).slide(path).size(), device);
 
-        QImage canvas(size * ratio, QImage::Format_ARGB32_Premultiplied);
-        canvas.setDevicePixelRatio(ratio);
-        canvas.fill(Qt::transparent);
-        QImage painted = canvas;
-        label->render(&painted, QPoint(), QRegion(), QWidget::DrawChildren);
-
-        // The slide drawn once into the widget's logical rectangle.
-        QImage expected = canvas;
-        QPainter painter(&expected);
-        painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
-        painter.drawPixmap(QRectF(0, 0, size.width(), size.height()), slide, QRectF());
-        painter.end();
-        QString difference = firstDifference(painted, expected);
+        const QImage shown = label->grab().toImage();
+        QCOMPARE(shown.size(), device);
+        const QString difference = firstDifference(shown, board);
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
+    }
 
-        if (ratio == std::floor(ratio)) {
-            // At an integer ratio the slide is prepared at the device size
-            // and lands pixel for pixel, unscaled.
-            difference = firstDifference(painted, slide.toImage());
-            QVERIFY2(difference.isEmpty(), qPrintable(difference));
-        } else {
-            // At a fractional one it is prepared at the integer ratio's size
-            // and scaled up to cover the widget.
-            QCOMPARE(slide.size(), size);
-            for (const QPoint &corner : {QPoint(0, 0), QPoint(painted.width() - 1, painted.height() - 1)}) {
-                QCOMPARE(qAlpha(painted.pixel(corner)), 255);
+    void centerAndTileShowTheImageAtItsLogicalSize_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::newRow("Center") << int(Center);
+        QTest::newRow("Tile") << int(Tile);
+    }
+
+    // One pixel of the image is a logical pixel, ratio pixels of the
+    // screen, as at the ratio 2 of the first design; at a fractional ratio
+    // the worker resamples it (the first design magnified it twice there).
+    void centerAndTileShowTheImageAtItsLogicalSize()
+    {
+        QFETCH(int, mode);
+        if (!checkRatio()) {
+            return;
+        }
+        const double ratio = expectedRatio();
+        // Red on its left half, blue on its right one.
+        QImage halves(40, 30, QImage::Format_RGB32);
+        halves.fill(Qt::blue);
+        for (int y = 0; y < 30; ++y) {
+            for (int x = 0; x < 20; ++x) {
+                halves.setPixel(x, y, qRgb(255, 0, 0));
+            }
+        }
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString path = TestUtils::writeImage(dir.path(), QStringLiteral("halves.png"), halves);
+        const QSize size(640, 480);
+        LabelPointer label(new SlideLabel);
+        label->resize(size);
+        label->show();
+        QVERIFY(QTest::qWaitForWindowExposed(label.get()));
+        label->setPosition(Position(mode));
+        QVERIFY(setDirAndWait(*label, dir.path()));
+        QTRY_VERIFY(!inspect(label).slide(path).isNull());
+        const QImage shown = label->grab().toImage();
+        const int deviceWidth = qRound(size.width() * ratio);
+        QCOMPARE(shown.width(), deviceWidth);
+
+        // Along a row through the image: where red and where blue begin.
+        const int row = mode == Tile ? qRound(5 * ratio) : shown.height() / 2;
+        const auto red = [&shown, row](int x) {
+            const QRgb pixel = shown.pixel(x, row);
+            return qRed(pixel) > 200 && qGreen(pixel) < 60 && qBlue(pixel) < 60;
+        };
+        const auto blue = [&shown, row](int x) {
+            const QRgb pixel = shown.pixel(x, row);
+            return qBlue(pixel) > 200 && qRed(pixel) < 60 && qGreen(pixel) < 60;
+        };
+        if (mode == Center) {
+            int redStart = 0;
+            while (redStart < deviceWidth && !red(redStart)) {
+                ++redStart;
+            }
+            int blueStart = redStart;
+            while (blueStart < deviceWidth && !blue(blueStart)) {
+                ++blueStart;
+            }
+            // The red half is 20 logical pixels wide; smoothing blurs its
+            // edges by a pixel.
+            QVERIFY2(qAbs((blueStart - redStart) - 20 * ratio) <= 1.5,
+                     qPrintable(QStringLiteral("red from %1 to %2 at the ratio %3").arg(redStart).arg(blueStart).arg(ratio)));
+            // Where the first design put it: half the difference of the sizes
+            // in pixels, taken as logical coordinates.
+            const int x = int((deviceWidth - 40) / ratio / 2);
+            QVERIFY2(qAbs(redStart - x * ratio) <= 1.5, qPrintable(QStringLiteral("the image begins at %1").arg(redStart)));
+            return;
+        }
+        // Tiles follow each other one step apart, the image's width over the
+        // ratio in logical pixels as the first design steps, each drawn at
+        // its logical size over the one before: the red half of each, then
+        // as much of the blue half as the next tile leaves.
+        const int step = int(40 / ratio);
+        for (int tile = 0; tile < 3; ++tile) {
+            const double start = tile * step * ratio;
+            const double redEnd = start + qMin(20, step) * ratio;
+            QVERIFY2(red(int(start + 1.5)) && red(int(redEnd - 1.5)),
+                     qPrintable(QStringLiteral("tile %1 is not red from %2 to %3").arg(tile).arg(start).arg(redEnd)));
+            if (step > 20) {
+                const double next = start + step * ratio;
+                QVERIFY2(blue(int(redEnd + 1.5)) && blue(int(next - 1.5)),
+                         qPrintable(QStringLiteral("tile %1 is not blue from %2 to %3").arg(tile).arg(redEnd).arg(next)));
             }
         }
     }

@@ -154,20 +154,23 @@ private Q_SLOTS:
 
     // The worker's two answers: a report, which carries the generation of
     // its request so that one made before a clearing is known, and a file
-    // that has gone.
-    void metaObjectHasOnlyTheWorkersSlots()
+    // that has gone; and the signal the screensaver waits for before a fade.
+    void metaObjectHasTheWorkersSlotsAndTheReadySignal()
     {
         SlideLabel label;
         const QMetaObject *meta = label.metaObject();
         QCOMPARE(meta->className(), "Dm::ScreenSaver::SlideLabel");
         QCOMPARE(meta->superClass(), &QLabel::staticMetaObject);
-        QCOMPARE(meta->methodCount() - meta->methodOffset(), 2);
-        const QMetaMethod slot = meta->method(meta->methodOffset());
+        QCOMPARE(meta->methodCount() - meta->methodOffset(), 3);
+        const QMetaMethod ready = meta->method(meta->methodOffset());
+        QCOMPARE(ready.methodSignature(), QByteArray("currentSlideReady()"));
+        QCOMPARE(ready.methodType(), QMetaMethod::Signal);
+        const QMetaMethod slot = meta->method(meta->methodOffset() + 1);
         QCOMPARE(slot.methodSignature(), QByteArray("handleImageCached(QString,QPixmap,qulonglong)"));
         QCOMPARE(slot.methodType(), QMetaMethod::Slot);
         QCOMPARE(slot.access(), QMetaMethod::Private);
         QCOMPARE(slot.parameterNames(), QList<QByteArray>({QByteArray("path"), QByteArray("pixmap"), QByteArray("generation")}));
-        const QMetaMethod gone = meta->method(meta->methodOffset() + 1);
+        const QMetaMethod gone = meta->method(meta->methodOffset() + 2);
         QCOMPARE(gone.methodSignature(), QByteArray("handleImageGone(QString)"));
         QCOMPARE(gone.access(), QMetaMethod::Private);
         QCOMPARE(meta->propertyCount(), meta->propertyOffset());

@@ -80,6 +80,25 @@ bool listed(SlideShow &show)
     return SlideLabelTest::waitForListing(*inspect(show).slideLabel());
 }
 
+// Shown at a size its slides are prepared for, with the folder listed and
+// the current and the next slide ready: a switch then starts its fade at
+// once (the fade waits for a slide that is not ready yet).
+bool ready(SlideShow &show)
+{
+    show.resize(240, 180);
+    show.show();
+    if (!QTest::qWaitForWindowExposed(&show) || !listed(show)) {
+        return false;
+    }
+    SlideLabel *label = inspect(show).slideLabel();
+    return QTest::qWaitFor(
+        [label] {
+            const QStringList &files = inspect(label).files();
+            return label->isCurrentSlideReady() && !inspect(label).slide(files.at((inspect(label).currentFileIndex() + 1) % files.size())).isNull();
+        },
+        10000);
+}
+
 // One sample of the fade, taken right after the screensaver has handed the
 // value to the label.
 struct FadeSample {
@@ -419,10 +438,18 @@ private Q_SLOTS:
         QCOMPARE(inspect(inspect(show).slideLabel()).files(), m_files);
         QCOMPARE(inspect(inspect(show).slideLabel()).currentImage(), m_files.first());
 
-        // An empty directory setting is the label's to report.
+        // An empty directory setting is the label's to report. It names
+        // the working directory, made an empty one here: the test's own
+        // folder may hold images that other tests write.
+        QTemporaryDir empty;
+        QVERIFY(empty.isValid());
+        const QString workingDirectory = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(empty.path()));
         m_recorder->clear();
         show.setProperty(QVariantMap{{imageDirectoryKey, QString()}});
-        QVERIFY(listed(show));
+        const bool emptyListed = listed(show);
+        QVERIFY(QDir::setCurrent(workingDirectory));
+        QVERIFY(emptyListed);
         QCOMPARE(show.property().value(imageDirectoryKey), QVariant(QString()));
         QVERIFY(inspect(inspect(show).slideLabel()).files().isEmpty());
         // One QString streamed whole: quoted as a whole.
@@ -586,6 +613,7 @@ private Q_SLOTS:
     {
         auto *show = new SlideShow;
         show->setProperty(immediateSettings(5000));
+        QVERIFY(ready(*show));
         QPointer<SlideLabel> label = inspect(show).slideLabel();
         show->start();
         QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
@@ -601,11 +629,8 @@ private Q_SLOTS:
     void fadeCycleAdvancesFadesAndRearms()
     {
         SlideShow show;
-        show.resize(160, 120);
-        show.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&show));
         show.setProperty(fastSettings(200));
-        QVERIFY(listed(show));
+        QVERIFY(ready(show));
         SlideLabel *label = inspect(show).slideLabel();
         QVariantAnimation *animation = inspect(show).fadeAnimation();
         QCOMPARE(inspect(label).currentImage(), m_files.at(0));
@@ -679,7 +704,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(immediateSettings(0));
-        QVERIFY(listed(show));
+        QVERIFY(ready(show));
         QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         QSignalSpy finished(inspect(show).fadeAnimation(), &QAbstractAnimation::finished);
         show.start();
@@ -700,7 +725,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, 0}, {effectKey, 20}});
-        QVERIFY(listed(show));
+        QVERIFY(ready(show));
         QCOMPARE(inspect(show).switchTimer().interval(), 0);
         QSignalSpy finished(inspect(show).fadeAnimation(), &QAbstractAnimation::finished);
         QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
@@ -717,6 +742,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(fastSettings(1000));
+        QVERIFY(ready(show));
         SlideLabel *label = inspect(show).slideLabel();
         QVariantAnimation *animation = inspect(show).fadeAnimation();
 
@@ -795,6 +821,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(immediateSettings(3000));
+        QVERIFY(ready(show));
         QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QVERIFY(timeout.wait(5000));
@@ -814,6 +841,7 @@ private Q_SLOTS:
     {
         SlideShow show;
         show.setProperty(immediateSettings(3000));
+        QVERIFY(ready(show));
         QSignalSpy timeout(&inspect(show).switchTimer(), &QTimer::timeout);
         show.start();
         QVERIFY(timeout.wait(5000));

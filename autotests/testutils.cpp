@@ -482,18 +482,21 @@ qint64 peakResidentKiB()
 
 QRgb crossFadePixel(const QColor &background, const QColor &previous, const QColor &current, double opacity)
 {
-    const double weights[2] = {qBound(0.0, 1.0 - opacity, 1.0), qBound(0.0, opacity, 1.0)};
-    const QColor slides[2] = {previous, current};
     double result[4] = {background.redF() * background.alphaF(),
                         background.greenF() * background.alphaF(),
                         background.blueF() * background.alphaF(),
                         background.alphaF()};
-    for (int i = 0; i < 2; ++i) {
-        const double source[4] = {slides[i].redF() * weights[i], slides[i].greenF() * weights[i], slides[i].blueF() * weights[i], weights[i]};
+    const auto over = [&result](const QColor &colour, double weight) {
+        const double alpha = colour.alphaF() * weight;
+        const double source[4] = {colour.redF() * alpha, colour.greenF() * alpha, colour.blueF() * alpha, alpha};
         for (int c = 0; c < 4; ++c) {
-            result[c] = source[c] + result[c] * (1.0 - weights[i]);
+            result[c] = source[c] + result[c] * (1.0 - alpha);
         }
+    };
+    if (opacity < 1.0) {
+        over(previous, 1.0);
     }
+    over(current, qBound(0.0, opacity, 1.0));
     return qRgba(qRound(result[0] * 255), qRound(result[1] * 255), qRound(result[2] * 255), qRound(result[3] * 255));
 }
 

@@ -119,12 +119,13 @@ qint64 peakResidentKiB();
 bool fuzzyEqual(const QImage &actual, const QImage &expected, int fuzz, QString *why = nullptr);
 bool fuzzyColor(QRgb actual, const QColor &expected, int fuzz);
 
-// The premultiplied colour that the cross-fade gives a pixel where both
-// slides are opaque, in floating point: the previous slide drawn with the
-// weight 1 - opacity over the background, then the current one with the
-// weight opacity over that (source-over), each weight bounded to 0..1 as the
-// painter bounds it. Where the background is opaque black the previous
-// slide thus counts (1 - opacity)^2 and the current one opacity.
+// The premultiplied colour that the cross-fade gives a pixel, in floating
+// point: while the fade runs (opacity below 1) the previous slide drawn at
+// full weight over the background, then the current one with the weight
+// opacity over that (source-over, the weight bounded to 0..1 as the painter
+// bounds it); at opacity 1 the current slide alone. Where both slides are
+// opaque the result is opacity x current + (1 - opacity) x previous; a
+// transparent colour stands for a slide that is missing there.
 QRgb crossFadePixel(const QColor &background, const QColor &previous, const QColor &current, double opacity);
 
 // Runs a test object the way the tests of widgets run: in a QApplication

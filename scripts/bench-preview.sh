@@ -71,9 +71,9 @@ fi
 : >"$work/settings.ini"
 preview=$(realpath "$build_dir/bin/zav-screensaver-preview")
 
-# The debug log names every slide that a paint finds ready (one line per
-# slide per paint); each message carries the monotonic time since boot, to
-# be set against the process's start time from /proc.
+# The debug log tells when the first slide was ready and how often the
+# show switched; each message carries the monotonic time since boot, to be
+# set against the process's start time from /proc.
 export QT_QPA_PLATFORM=xcb
 export QT_LOGGING_RULES="zav-tev.screensaver.slideshow.debug=true"
 export QT_MESSAGE_PATTERN="%{time boot} %{message}"
@@ -127,19 +127,22 @@ user=$(awk -F': ' '/User time \(seconds\)/ {print $2}' "$work/time.txt")
 system=$(awk -F': ' '/System time \(seconds\)/ {print $2}' "$work/time.txt")
 peak_kib=$(awk -F': ' '/Maximum resident set size/ {print $2}' "$work/time.txt")
 
-# With more than one image every paint looks up the previous slide, then the
-# current one, and logs one line for each: the path it found ready ("return
-# of a caching image") or the one it had to leave out ("... is not available
-# ..."). So the even lines of those are the current slides, paint by paint;
-# a switch is a change of the current slide, and the first slide is on screen
-# at the first even line that found its image.
-grep -E 'ImageCacheWorker: return of a caching image for:|SlideLabel: (Previous|Current) image is not available from worker for drawing:' \
-    "$work/log.txt" | awk 'NR % 2 == 0' >"$work/current.txt" || true
-switches=$(awk -F'"' '$2 != last { if (NR > 1) n++; last = $2 } END { print n + 0 }' "$work/current.txt")
-shown=$(grep 'return of a caching image' "$work/current.txt" | awk -F'"' '!seen[$2]++' | wc -l)
-first_paint=$(grep -m1 'return of a caching image' "$work/current.txt" | awk '{print $1}' || true)
-# The report of the worker that asked for that paint.
-first_ready=$(grep -m1 'SlideLabel: Image cached for current/previous key, triggering update:' "$work/log.txt" | awk '{print $1}' || true)
+# The paint draws the label's own copies of the slides and logs nothing of
+# them; what the log says instead: the first slide is on screen when the
+# worker's report for it asks for a paint ("Image cached for current/previous
+# key, triggering update"), and after that every switch asks the worker for
+# exactly one image, the one after the new slide (one of the request lines,
+# whatever the worker makes of it). The images asked for are thus the slides
+# shown one switch later.
+first_report=$(grep -n -m1 'SlideLabel: Image cached for current/previous key, triggering update:' "$work/log.txt" | cut -d: -f1 || true)
+: >"$work/requests.txt"
+if [ -n "$first_report" ]; then
+    tail -n +"$first_report" "$work/log.txt" |
+        grep -E 'ImageCacheWorker: (setting a request for image processing in the queue for|the request is already waiting for the way|the image is already caching with the correct size, the request for the request):'             >"$work/requests.txt" || true
+fi
+switches=$(wc -l <"$work/requests.txt")
+shown=$(awk -F'"' '!seen[$2]++' "$work/requests.txt" | wc -l)
+first_paint=$(sed -n "${first_report:-0}p" "$work/log.txt" | awk '{print $1}')
 prepared=$(grep -c 'ImageCacheWorker: The current size of the cache:' "$work/log.txt" || true)
 
 echo "Preview host, ${screen} (the whole Xvfb screen), default settings, ${seconds} s, $count wallpapers"
@@ -164,8 +167,8 @@ if [ -s "$thread_samples" ]; then
         }' "$thread_samples"
 fi
 if [ -n "$first_paint" ]; then
-    awk -v p="$first_paint" -v r="$first_ready" -v s="$start" \
-        'BEGIN { printf "  first slide:         %.3f s after the process started (image ready at %.3f s)\n", p - s, r - s }'
+    awk -v p="$first_paint" -v s="$start" \
+        'BEGIN { printf "  first slide:         %.3f s after the process started (its report asked for the paint)\n", p - s }'
 else
     echo "  first slide:         never painted"
 fi

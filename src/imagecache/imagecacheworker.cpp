@@ -480,6 +480,11 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
     return pixmap;
 }
 
+std::unique_lock<std::mutex> ImageCacheWorkerAccess::lock(const ImageCacheWorker *worker)
+{
+    return std::unique_lock<std::mutex>(worker->mutex);
+}
+
 WorkerSnapshot ImageCacheWorkerAccess::snapshot(const ImageCacheWorker *worker)
 {
     std::lock_guard<std::mutex> locker(worker->mutex);

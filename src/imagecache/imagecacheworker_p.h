@@ -16,6 +16,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <mutex>
+
 namespace Dm
 {
 namespace ScreenSaver
@@ -35,6 +37,8 @@ class ImageCacheWorkerAccess
 public:
     // Deep copies, made under the worker's lock: from any thread.
     static WorkerSnapshot snapshot(const ImageCacheWorker *worker);
+    // The worker's own lock, for a test that holds it from another thread.
+    static std::unique_lock<std::mutex> lock(const ImageCacheWorker *worker);
 };
 
 inline WorkerSnapshot snapshotOf(const ImageCacheWorker *worker)

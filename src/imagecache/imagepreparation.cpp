@@ -60,6 +60,17 @@ QPixmap blackCanvas(const QSize &size, double devicePixelRatio)
     return canvas;
 }
 
+// Tile and Center draw an image at its logical size: one of its pixels is
+// ratio pixels of the screen. At a whole ratio each pixel is repeated, as
+// it always was; at a fractional one the worker resamples it smoothly, so
+// that the paint need not.
+void smoothAtFractionalRatio(QPainter &painter, double devicePixelRatio)
+{
+    if (devicePixelRatio != std::floor(devicePixelRatio)) {
+        painter.setRenderHint(QPainter::SmoothPixmapTransform);
+    }
+}
+
 // The centred part of an image of the given size that has the target's
 // aspect ratio: what Crop shows of it. At least one pixel each way.
 QRect visiblePart(const QSize &image, const QSize &target)
@@ -419,15 +430,9 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
     }
 
     if (visiblePartDelivered) {
-        // The reader delivered Crop's result itself. Unless the painted
-        // area falls short of the canvas (a fractional ratio), no canvas and
-        // no copy are needed.
-        const int logicalWidth = truncated(size.width() / devicePixelRatio);
-        const int logicalHeight = truncated(size.height() / devicePixelRatio);
-        if (logicalWidth * devicePixelRatio == size.width() && logicalHeight * devicePixelRatio == size.height()) {
-            loaded.setDevicePixelRatio(devicePixelRatio);
-            return loaded;
-        }
+        // The reader delivered Crop's result itself: no canvas and no copy.
+        loaded.setDevicePixelRatio(devicePixelRatio);
+        return loaded;
     }
 
     // The mode works on the pixmap loaded here: each file is decoded once.
@@ -474,8 +479,12 @@ QPixmap ImageCacheWorker::stretch(const QPixmap &loaded, const QSize &size) cons
 
 QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+    // Drawn in device pixels, and given its ratio at the end: the scaled
+    // image fills every pixel of the canvas whatever the ratio (at a
+    // fractional one the canvas's logical size is no whole number).
+    QPixmap canvas = blackCanvas(size, 1.0);
     if (loaded.isNull() || canvas.isNull()) {
+        canvas.setDevicePixelRatio(devicePixelRatio);
         return canvas;
     }
 
@@ -511,8 +520,9 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
     const int dx = (iw - sourceWidth) / 2;
     const int dy = (ih - sourceHeight) / 2;
 
-    painter.drawImage(QRectF(0, 0, truncated(w / devicePixelRatio), truncated(h / devicePixelRatio)), image, QRectF(dx, dy, sourceWidth, sourceHeight));
+    painter.drawImage(QRectF(0, 0, w, h), image, QRectF(dx, dy, sourceWidth, sourceHeight));
     painter.end();
+    canvas.setDevicePixelRatio(devicePixelRatio);
     return canvas;
 }
 
@@ -535,6 +545,7 @@ QPixmap ImageCacheWorker::tile(const QPixmap &loaded, const QSize &size, double 
     const QImage image = loaded.toImage();
     QPainter painter(&canvas);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
+    smoothAtFractionalRatio(painter, devicePixelRatio);
     for (int x = 0; x < size.width(); x += stepX) {
         for (int y = 0; y < size.height(); y += stepY) {
             painter.drawImage(QPointF(x, y), image);
@@ -553,6 +564,7 @@ QPixmap ImageCacheWorker::center(const QPixmap &loaded, const QSize &size, doubl
 
     QPainter painter(&canvas);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
+    smoothAtFractionalRatio(painter, devicePixelRatio);
     const QImage image = loaded.toImage();
     // Negative when the image is larger than the target, so it is cut evenly
     // on all sides.

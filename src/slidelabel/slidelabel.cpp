@@ -53,6 +53,8 @@ SlideLabel::SlideLabel(QWidget *parent)
     // because nothing on the GUI thread ever waits for the worker.
     cacheThread->start(QThread::IdlePriority);
     qCDebug(slideShowLog) << "SlideLabel: Cache thread started.";
+    frameTimer.setSingleShot(true);
+    connect(&frameTimer, &QTimer::timeout, this, qOverload<>(&QWidget::update));
 }
 
 SlideLabel::~SlideLabel()
@@ -65,13 +67,22 @@ SlideLabel::~SlideLabel()
 
 QRect SlideLabel::deviceGeometry() const
 {
-    const int ratio = devicePixelRatio();
-    return QRect(x(), y(), qRound(double(width()) * ratio), qRound(double(height()) * ratio));
+    // The screen's real pixels, also at a fractional scale factor: a slide
+    // prepared at this size is drawn without being resampled.
+    const double ratio = devicePixelRatioF();
+    return QRect(x(), y(), qRound(width() * ratio), qRound(height() * ratio));
 }
 
 void SlideLabel::requestImageCache(const QString &path)
 {
-    cacheWorker->requestProcessImage(path, deviceGeometry(), devicePixelRatioF(), int(position));
+    requestedGeometry = deviceGeometry();
+    requestedRatio = devicePixelRatioF();
+    cacheWorker->requestProcessImage(path, requestedGeometry, requestedRatio, int(position));
+}
+
+bool SlideLabel::isCurrentSlideReady() const
+{
+    return imageFiles.size() < 2 || !slideFor(currentKey, deviceGeometry().size()).isNull();
 }
 
 void SlideLabel::shutdownCacheThread()
@@ -89,6 +100,7 @@ void SlideLabel::clearCache()
 {
     clearedGeneration = cacheWorker->clearAllCacheData();
     slides.clear();
+    updateOpaquePainting();
 }
 
 void SlideLabel::setDir(const QString &dir)
@@ -334,6 +346,7 @@ void SlideLabel::updateWantedImages()
         wantedImages = wanted;
         cacheWorker->setWantedImages(wantedImages);
     }
+    updateOpaquePainting();
 }
 
 void SlideLabel::setOpacity(double value)
@@ -344,54 +357,100 @@ void SlideLabel::setOpacity(double value)
     // Not clamped: the painter bounds the weights when drawing.
     opacity = value;
     updateWantedImages();
+    // Where a frame is costly (a 4K screen, a slow machine), the fade is
+    // shown at half the animation's rate, every other step, evenly spaced;
+    // its last frame is never skipped.
+    if (frameCostMs > costlyFrameMs && opacity < 1.0 && frameClock.isValid()) {
+        if (!frameTimer.isActive()) {
+            frameTimer.start(int(qMax<qint64>(0, slowFrameInterval - frameClock.elapsed())));
+        }
+        return;
+    }
+    frameTimer.stop();
     update();
+}
+
+void SlideLabel::updateOpaquePainting()
+{
+    // The bottom layer of the next frame: the previous slide while a fade
+    // runs, else the current one (always the current one when it is the
+    // only image). Where it covers the label without transparency nothing
+    // beneath it is painted, neither the label's fill nor the host's
+    // background; otherwise the background shows where a slide is
+    // transparent or missing, as it should.
+    const QSize deviceSize = deviceGeometry().size();
+    QPixmap bottom;
+    if (imageFiles.size() == 1 || (imageFiles.size() > 1 && opacity >= 1.0)) {
+        bottom = slideFor(currentKey, deviceSize);
+    } else if (imageFiles.size() > 1) {
+        bottom = slideFor(previousKey, deviceSize);
+    }
+    setAttribute(Qt::WA_OpaquePaintEvent, !bottom.isNull() && !bottom.hasAlphaChannel());
+}
+
+QPixmap SlideLabel::slideFor(const QString &path, const QSize &deviceSize) const
+{
+    // The label's own copies, made for the size and ratio of the last
+    // clearing: no lock, no lookup in the worker.
+    const QPixmap pixmap = path.isEmpty() ? QPixmap() : slides.value(path);
+    return pixmap.size() == deviceSize ? pixmap : QPixmap();
 }
 
 void SlideLabel::paintEvent(QPaintEvent *event)
 {
     Q_UNUSED(event)
+    frameClock.start();
     QPainter painter(this);
     painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
-    painter.fillRect(rect(), Qt::transparent);
-
     const QSize deviceSize = deviceGeometry().size();
     const QRectF target(0, 0, width(), height());
-    // The label's own copies, made for the size of the last clearing: no
-    // lock, no lookup in the worker.
-    const auto slide = [this, &deviceSize](const QString &path) {
-        const QPixmap pixmap = path.isEmpty() ? QPixmap() : slides.value(path);
-        return pixmap.size() == deviceSize ? pixmap : QPixmap();
+    const bool opaque = testAttribute(Qt::WA_OpaquePaintEvent);
+    if (!opaque) {
+        painter.fillRect(rect(), Qt::transparent);
+    }
+    // The first slide drawn of an opaque frame is copied, not blended:
+    // each frame is at most one copy and one blend.
+    bool bottomDrawn = false;
+    const auto drawBottom = [&](const QPixmap &pixmap) {
+        if (opaque) {
+            painter.setCompositionMode(QPainter::CompositionMode_Source);
+        }
+        painter.drawPixmap(target, pixmap, QRectF());
+        painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
+        bottomDrawn = true;
     };
 
     if (imageFiles.size() > 1) {
-        // Each slide goes straight onto the widget with its weight as the
-        // painter's opacity: source-over with a constant opacity gives the
-        // same pixels as a transparent layer drawn at that opacity and then
-        // composited, without filling two widget-sized layers per frame, and
-        // at a ratio above 1 it keeps the slides at full device resolution.
-        const QPixmap previous = slide(previousKey);
-        if (previous.isNull()) {
-            qCDebug(slideShowLog) << "SlideLabel: Previous image is not available from worker for drawing:" << previousKey;
-        } else if (1.0 - opacity > 0.0) {
-            // A weight of 0 or less changes no pixel: the painter bounds it
-            // to 0, and source-over at opacity 0 leaves the widget as it is.
-            painter.setOpacity(1.0 - opacity);
-            painter.drawPixmap(target, previous, QRectF());
+        // While a fade runs the previous slide is drawn at full weight and
+        // the current one over it with the fade's weight, so that where
+        // both are opaque the picture is a true mix of the two, the
+        // background never showing through; once it has ended only the
+        // current slide is drawn.
+        if (opacity < 1.0) {
+            const QPixmap previous = slideFor(previousKey, deviceSize);
+            if (previous.isNull()) {
+                qCDebug(slideShowLog) << "SlideLabel: Previous image is not available from worker for drawing:" << previousKey;
+            } else {
+                drawBottom(previous);
+            }
         }
-        const QPixmap current = slide(currentKey);
+        const QPixmap current = slideFor(currentKey, deviceSize);
         if (current.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: Current image is not available from worker for drawing:" << currentKey;
+        } else if (opacity >= 1.0 && !bottomDrawn) {
+            drawBottom(current);
         } else if (opacity > 0.0) {
+            // A weight of 0 or less changes no pixel.
             painter.setOpacity(opacity);
             painter.drawPixmap(target, current, QRectF());
         }
     } else if (imageFiles.size() == 1) {
         // A single image is shown at full weight whatever the fade says.
-        const QPixmap only = slide(currentKey);
+        const QPixmap only = slideFor(currentKey, deviceSize);
         if (only.isNull()) {
             qCDebug(slideShowLog) << "SlideLabel: The only image is not available from worker for drawing:" << currentKey;
         } else {
-            painter.drawPixmap(target, only, QRectF());
+            drawBottom(only);
         }
     } else if (!awaitingListing) {
         // While the folder is being listed there is nothing to say yet.
@@ -409,6 +468,15 @@ void SlideLabel::paintEvent(QPaintEvent *event)
             Qt::AlignCenter,
             ki18nd(ZAV_SLIDESHOW_TRANSLATION_DOMAIN, "The image is not found in the catalog or the catalog is not indicated in the settings ...").toString());
     }
+    if (opaque && !bottomDrawn) {
+        // Only if the slides changed without the frame's kind being worked
+        // out again: nothing beneath was painted, so cover the old frame.
+        painter.fillRect(rect(), Qt::black);
+    }
+    painter.end();
+    // A moving average of what drawing a frame costs.
+    const double cost = frameClock.nsecsElapsed() / 1e6;
+    frameCostMs = frameCostMs < 0 ? cost : 0.8 * frameCostMs + 0.2 * cost;
 }
 
 void SlideLabel::resizeEvent(QResizeEvent *event)
@@ -425,6 +493,31 @@ void SlideLabel::resizeEvent(QResizeEvent *event)
     refillCache();
 }
 
+bool SlideLabel::event(QEvent *event)
+{
+    const bool handled = QLabel::event(event);
+    // Moved to a screen of another scale factor: the same size is other
+    // pixels now.
+    if (event->type() == QEvent::ScreenChangeInternal) {
+        followDeviceGeometry();
+    }
+    return handled;
+}
+
+void SlideLabel::followDeviceGeometry()
+{
+    if (imageFiles.isEmpty() || requestedGeometry.isNull()) {
+        return;
+    }
+    if (deviceGeometry().size() == requestedGeometry.size() && qFuzzyCompare(devicePixelRatioF(), requestedRatio)) {
+        return;
+    }
+    clearCache();
+    updateCacheCapacity();
+    refillCache();
+    update();
+}
+
 void SlideLabel::handleImageCached(const QString &path, const QPixmap &pixmap, quint64 generation)
 {
     // A report made before the last clearing is of another directory, mode
@@ -434,6 +527,10 @@ void SlideLabel::handleImageCached(const QString &path, const QPixmap &pixmap, q
     }
     if (!pixmap.isNull() && (wantedImages.contains(path) || path == currentKey)) {
         slides.insert(path, pixmap);
+        updateOpaquePainting();
+        if (path == currentKey) {
+            Q_EMIT currentSlideReady();
+        }
     }
     if (path == currentKey || path == previousKey) {
         qCDebug(slideShowLog) << "SlideLabel: Image cached for current/previous key, triggering update:" << path;

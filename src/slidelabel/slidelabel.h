@@ -8,6 +8,7 @@
 
 #include "imagecache/position.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QLabel>
 #include <QPixmap>
@@ -16,6 +17,7 @@
 #include <QSharedPointer>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 
 class QThread;
 
@@ -49,10 +51,18 @@ public:
     void setNext();
     // Changes the fitting mode and asks again for the visible images.
     void setPosition(Position position);
-    // The weight of the current slide; the previous one gets 1 minus it.
+    // The weight of the current slide, drawn over the previous one.
     void setOpacity(double value);
+    // Whether the current slide is ready to be shown (or there is nothing
+    // to wait for: one image or none).
+    bool isCurrentSlideReady() const;
+
+Q_SIGNALS:
+    // The current slide's pixmap has come from the worker.
+    void currentSlideReady();
 
 protected:
+    bool event(QEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
 
@@ -86,6 +96,14 @@ private:
     void updateWantedImages();
     // The image after the current one.
     QString nextKey() const;
+    // The label's pixmap of the slide, if it has one of this size.
+    QPixmap slideFor(const QString &path, const QSize &deviceSize) const;
+    // Paints without the host's background beneath when the bottom layer of
+    // the next frame is an opaque slide that covers the label.
+    void updateOpaquePainting();
+    // Refills the cache when the size or the ratio of the screen's pixels
+    // changed since the last request.
+    void followDeviceGeometry();
     // Takes a listing of the folder: starts the show with the first one,
     // follows the folder's changes with the later ones.
     void takeListing(const QSharedPointer<const FolderListing> &listing, bool first);
@@ -119,6 +137,17 @@ private:
     // The pixmaps of the slides the show needs, as the worker reported them
     // since the last clearing: painting draws these and takes no lock.
     QHash<QString, QPixmap> slides;
+    // The device geometry and ratio the slides are requested for.
+    QRect requestedGeometry;
+    double requestedRatio = 1.0;
+    // Frame pacing: what drawing a frame costs (a moving average, -1 before
+    // the first), when the last frame was drawn, and the timer that spaces
+    // the frames of a costly fade.
+    double frameCostMs = -1;
+    QElapsedTimer frameClock;
+    QTimer frameTimer;
+    static constexpr double costlyFrameMs = 10;
+    static constexpr int slowFrameInterval = 33;
     // The worker's generation after the label's last clearing: a report of
     // an older one was made for a directory, mode or size no longer shown.
     quint64 clearedGeneration = 0;

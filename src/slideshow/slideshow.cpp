@@ -31,6 +31,10 @@ class SlideShow::Private
 public:
     // No Qt parent: it belongs to this record and goes with it.
     QTimer timer;
+    // Started at a switch whose slide is not ready yet: the fade waits for
+    // the slide at most one interval, then starts anyway.
+    QTimer slideWait;
+    bool waitingForSlide = false;
     QVariantAnimation *animation = nullptr;
     SlideLabel *label = nullptr;
     QVariantMap property;
@@ -76,6 +80,7 @@ SlideShow::SlideShow(QWidget *parent)
     d->animation->setEasingCurve(QEasingCurve::OutQuad);
 
     d->timer.setSingleShot(true);
+    d->slideWait.setSingleShot(true);
 
     // Not through the virtual table: a subclass is not constructed yet.
     SlideShow::setProperty(slideShowDefaultProperty);
@@ -93,6 +98,12 @@ SlideShow::SlideShow(QWidget *parent)
         d->label->setOpacity(value.toDouble());
     });
     connect(&d->timer, &QTimer::timeout, this, &SlideShow::updateSlide);
+    connect(d->label, &SlideLabel::currentSlideReady, this, [this]() {
+        if (d->waitingForSlide) {
+            startFade();
+        }
+    });
+    connect(&d->slideWait, &QTimer::timeout, this, &SlideShow::startFade);
 }
 
 SlideShow::~SlideShow()
@@ -113,6 +124,8 @@ void SlideShow::stop()
     // The label keeps the opacity the fade had reached.
     d->animation->stop();
     d->timer.stop();
+    d->slideWait.stop();
+    d->waitingForSlide = false;
 }
 
 QString SlideShow::name()
@@ -171,6 +184,21 @@ void SlideShow::updateProperty(QVariantMap property)
 void SlideShow::updateSlide()
 {
     d->label->setNext();
+    if (d->label->isCurrentSlideReady()) {
+        startFade();
+        return;
+    }
+    // A slow file, or the first switches at 4K: the fade would run towards
+    // nothing and the slide pop in later. Until it comes the previous slide
+    // stays at full weight.
+    d->waitingForSlide = true;
+    d->slideWait.start(qMax(0, d->timer.interval()));
+}
+
+void SlideShow::startFade()
+{
+    d->waitingForSlide = false;
+    d->slideWait.stop();
     d->animation->start(QAbstractAnimation::KeepWhenStopped);
     // The animation reports only values that differ from its last one. With a
     // fade of 0 ms it ends at once on 1.0, the value the previous fade ended

@@ -41,7 +41,8 @@ public:
     const QVariantMap &property() const override;
     const QVariantMap &defaultProperty() const override;
 
-    // Advances the label and starts the fade; the timer's timeout.
+    // Advances the label and starts the fade as soon as the new slide is
+    // ready, at most one interval later; the timer's timeout.
     void updateSlide();
     // Logs, stores and applies a complete settings map, key by key in map
     // order: interval, fade, directory, fitting mode.
@@ -51,6 +52,8 @@ public:
     using AbstractScreenSaver::setProperty;
 
 private:
+    void startFade();
+
     // Tests and tools reach the parts through SlideShowAccess (slideshow_p.h).
     friend class SlideShowAccess;
     class Private;
