@@ -5,8 +5,10 @@
 
 #include "slidelabel/slidefolder.h"
 
+#include <QCoreApplication>
 #include <QFileSystemWatcher>
 #include <QMetaObject>
+#include <QSet>
 #include <QThread>
 
 #include <atomic>
@@ -44,11 +46,44 @@ int runningSlideThreads()
     return s_runningThreads.load();
 }
 
+namespace
+{
+// The QThreads that the slide displays have let go of, until they are
+// deleted (by the GUI thread's event loop, once each has finished). Touched
+// on the GUI thread only; never destroyed, so that what is in it at exit is
+// still held rather than lost.
+QSet<QThread *> &abandonedThreads()
+{
+    static auto *threads = new QSet<QThread *>;
+    return *threads;
+}
+
+// Run as the application goes: the threads that have finished by then are
+// deleted, their deletion posted to an event loop that no longer runs. One
+// still held in a read is left as it is; the process is ending.
+void deleteFinishedThreads()
+{
+    const QSet<QThread *> threads = abandonedThreads();
+    for (QThread *thread : threads) {
+        if (thread->isFinished()) {
+            delete thread;
+        }
+    }
+}
+}
+
 void countSlideThread(QThread *thread)
 {
+    static bool routineAdded = false;
+    if (!routineAdded) {
+        qAddPostRoutine(deleteFinishedThreads);
+        routineAdded = true;
+    }
     ++s_runningThreads;
-    QObject::connect(thread, &QObject::destroyed, thread, [] {
+    abandonedThreads().insert(thread);
+    QObject::connect(thread, &QObject::destroyed, thread, [thread] {
         --s_runningThreads;
+        abandonedThreads().remove(thread);
     });
 }
 

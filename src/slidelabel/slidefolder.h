@@ -28,7 +28,8 @@ class FolderWatcher;
 // until it is deleted): for tests and tools that wait for them, since the
 // display itself never does.
 int runningSlideThreads();
-// Counts a QThread until it is deleted.
+// Counts a QThread, which its owner has let go of, until it is deleted; one
+// that has finished when the application goes is deleted then.
 void countSlideThread(QThread *thread);
 
 // The folder of a slide show, as listings made off the GUI thread find it:
