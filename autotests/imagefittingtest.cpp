@@ -33,6 +33,31 @@ namespace
 {
 const char childEnvironment[] = "ZAV_FITTING_CHILD_PATH";
 const char childModeEnvironment[] = "ZAV_FITTING_CHILD_MODE";
+// The target, 640x480 unless given, and a file to save the result in.
+const char childSizeEnvironment[] = "ZAV_FITTING_CHILD_SIZE";
+const char childResultEnvironment[] = "ZAV_FITTING_CHILD_RESULT";
+
+// Fits a file in a child process, so that the peak memory is the
+// preparation's own; returns the child's lines (warnings, then the result)
+// and sets the peak in KiB.
+QStringList fitInChild(const QString &path, int mode, const QSize &size, const QString &resultFile, qint64 *peakKiB)
+{
+    QProcess child;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QString::fromLatin1(childEnvironment), path);
+    environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(mode));
+    environment.insert(QString::fromLatin1(childSizeEnvironment), QStringLiteral("%1x%2").arg(size.width()).arg(size.height()));
+    environment.insert(QString::fromLatin1(childResultEnvironment), resultFile);
+    child.setProcessEnvironment(environment);
+    child.start(QCoreApplication::applicationFilePath(), QStringList());
+    if (!child.waitForFinished(300000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0) {
+        qWarning("the child failed: %s", child.readAllStandardError().constData());
+        return {};
+    }
+    QStringList lines = QString::fromLatin1(child.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    *peakKiB = lines.isEmpty() ? -1 : lines.takeLast().section(QLatin1Char(' '), 1).toLongLong();
+    return lines;
+}
 
 // Every pixel different from its neighbours, so that any shift of a copied
 // region shows.
@@ -118,14 +143,37 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
     }
 
+    void cropScalesByExpandingAndTakesTheCentre_data()
+    {
+        QTest::addColumn<QSize>("image");
+        QTest::addColumn<bool>("reduced");
+        // Not larger than the screen: scaled whole to 2160 x 1080 and its
+        // middle taken, x 120, y 0, 1920 x 1080, exactly as always.
+        QTest::newRow("1000x500, scaled up") << QSize(1000, 500) << false;
+        // Larger than the screen: the part shown (3556 x 2000 at x 222, the
+        // screen's shape) is cut out first and only it is scaled, which
+        // holds no intermediate larger than the screen; its border pixels
+        // may differ from those of a whole scaled image by the smoothing.
+        QTest::newRow("4000x2000, scaled down") << QSize(4000, 2000) << true;
+    }
+
     void cropScalesByExpandingAndTakesTheCentre()
     {
-        const QImage source = patternImage(QSize(4000, 2000));
+        QFETCH(QSize, image);
+        QFETCH(bool, reduced);
+        const QImage source = patternImage(image);
         const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("crop.png"), source);
 
-        const QPixmap scaled = QPixmap(path).scaled(QSize(1920, 1080), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
-        QCOMPARE(scaled.size(), QSize(2160, 1080));
-        const QImage expected = scaled.toImage().convertToFormat(QImage::Format_RGB32).copy(120, 0, 1920, 1080);
+        QImage expected;
+        if (!reduced) {
+            const QPixmap scaled = QPixmap(path).scaled(QSize(1920, 1080), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+            QCOMPARE(scaled.size(), QSize(2160, 1080));
+            expected = scaled.toImage().convertToFormat(QImage::Format_RGB32).copy(120, 0, 1920, 1080);
+        } else {
+            const QImage part = QImage(path).convertToFormat(QImage::Format_RGB32).copy(222, 0, 3556, 2000);
+            expected = part.scaled(QSize(1920, 1080), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+            QCOMPARE(expected.size(), QSize(1920, 1080));
+        }
 
         // The mode on the whole decoded file gives exactly that region.
         LogRecorder recorder;
@@ -135,8 +183,8 @@ private Q_SLOTS:
         QCOMPARE(toRgb(result), expected);
         QVERIFY(recorder.entries().isEmpty());
 
-        // The preparation reads the file already reduced (it is larger than
-        // what Crop shows): the same picture to the eye, if not to the bit.
+        // The preparation reads a file larger than what Crop shows already
+        // reduced: the same picture to the eye, if not to the bit.
         const QPixmap prepared = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Crop);
         QCOMPARE(prepared.size(), QSize(1920, 1080));
         QCOMPARE(prepared.devicePixelRatio(), 1.0);
@@ -494,9 +542,12 @@ private Q_SLOTS:
             << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false) << int(Crop) << true;
         QTest::newRow("baseline jpeg panorama, stretched")
             << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-stretch.jpg"), 30000, 20000, false) << int(Stretch) << true;
-        // Centred, it would be decoded in full: 2.4 GB.
+        // Centred or tiled, only the part shown is decoded (whole, it would
+        // take 2.4 GB).
         QTest::newRow("baseline jpeg panorama, centred")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-center.jpg"), 30000, 20000, false) << int(Center) << false;
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-center.jpg"), 30000, 20000, false) << int(Center) << true;
+        QTest::newRow("baseline jpeg panorama, tiled")
+            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-tile.jpg"), 30000, 20000, false) << int(Tile) << true;
         // Eight bits a pixel, run-length encoded: a few hundred bytes that
         // decode into 537 MB.
         QTest::newRow("rle bmp of 11585x11585") << TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585) << int(Crop) << false;
@@ -523,19 +574,8 @@ private Q_SLOTS:
         QVERIFY(!path.isEmpty());
         QVERIFY(QFileInfo(path).size() < 4 * 1024 * 1024);
 
-        QProcess child;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QString::fromLatin1(childEnvironment), path);
-        environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(mode));
-        child.setProcessEnvironment(environment);
-        child.start(QCoreApplication::applicationFilePath(), QStringList());
-        QVERIFY(child.waitForFinished(120000));
-        QCOMPARE(child.exitStatus(), QProcess::NormalExit);
-        const QString output = QString::fromLatin1(child.readAllStandardOutput());
-        QVERIFY2(child.exitCode() == 0, qPrintable(QString::fromLatin1(child.readAllStandardError())));
-
-        QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        const qint64 peakKiB = lines.takeLast().section(QLatin1Char(' '), 1).toLongLong();
+        qint64 peakKiB = -1;
+        const QStringList lines = fitInChild(path, mode, QSize(640, 480), QString(), &peakKiB);
         if (shown) {
             // A mid-grey picture, no warning.
             QCOMPARE(lines, QStringList{QStringLiteral("result 640x480 not black")});
@@ -548,6 +588,64 @@ private Q_SLOTS:
         // A refused file allocates nothing; a shown one little more than the
         // screen. Every one of them would take over 250 MB decoded in full.
         QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
+    }
+
+    // No preparation holds more than the limit, intermediates included: a
+    // tall screenshot in Crop on a 4K screen (scaled whole first, it made a
+    // 3840 x 30720 intermediate and took 582 MB) is shown well within it.
+    void tallImageInCropStaysWithinTheLimit()
+    {
+        QImage tall(1000, 8000, QImage::Format_RGB32);
+        for (int y = 0; y < tall.height(); ++y) {
+            std::fill_n(reinterpret_cast<QRgb *>(tall.scanLine(y)), tall.width(), qRgb(y % 256, 100, 200));
+        }
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tall.png"), tall);
+        qint64 peakKiB = -1;
+        const QStringList lines = fitInChild(path, Crop, QSize(3840, 2160), QString(), &peakKiB);
+        QCOMPARE(lines, QStringList{QStringLiteral("result 3840x2160 not black")});
+        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
+        // The decoded image, the screen-sized result and its canvas, and
+        // the child's own start: about half the limit.
+        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
+    }
+
+    void panoramaAtItsOwnSizeIsShownFromThePartRead_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QPoint>("region");
+        // Center: half the difference of the sizes, (1920 - 16000) / 2 and
+        // (1080 - 5000) / 2; Tile: the first tile from the top left.
+        QTest::newRow("Center") << int(Center) << QPoint(7040, 1960);
+        QTest::newRow("Tile") << int(Tile) << QPoint(0, 0);
+    }
+
+    // Tile and Center of a JPEG much larger than the screen decode only the
+    // part they show: shown, exactly the matching region of the image.
+    void panoramaAtItsOwnSizeIsShownFromThePartRead()
+    {
+        QFETCH(int, mode);
+        QFETCH(QPoint, region);
+        const QString path = m_dir.filePath(QStringLiteral("panorama-16000x5000.jpg"));
+        if (!QFile::exists(path)) {
+            QImage panorama(16000, 5000, QImage::Format_RGB32);
+            for (int y = 0; y < panorama.height(); ++y) {
+                QRgb *line = reinterpret_cast<QRgb *>(panorama.scanLine(y));
+                for (int x = 0; x < panorama.width(); ++x) {
+                    line[x] = qRgb((x * 3) % 256, (x / 64 + y / 64) % 256, (y * 5) % 256);
+                }
+            }
+            QVERIFY(panorama.save(path, "JPEG", 90));
+        }
+        const QString resultFile = m_dir.filePath(QStringLiteral("panorama-result-%1.png").arg(mode));
+        qint64 peakKiB = -1;
+        const QStringList lines = fitInChild(path, mode, QSize(1920, 1080), resultFile, &peakKiB);
+        QCOMPARE(lines, QStringList{QStringLiteral("result 1920x1080 not black")});
+        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
+        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
+        const QImage expected = QImage(path).copy(QRect(region, QSize(1920, 1080))).convertToFormat(QImage::Format_RGB32);
+        const QImage shown = QImage(resultFile).convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(shown.size(), expected.size());
+        QVERIFY(shown == expected);
     }
 
     void topDownBmpShowsItsPixels_data()
@@ -760,16 +858,22 @@ private Q_SLOTS:
 static int runFittingChild(int argc, char **argv, const QString &path, Position mode)
 {
     QGuiApplication app(argc, argv);
+    const QStringList sides = qEnvironmentVariable(childSizeEnvironment, QStringLiteral("640x480")).split(QLatin1Char('x'));
+    const QSize size(sides.value(0).toInt(), sides.value(1).toInt());
     QStringList warnings;
     {
         LogRecorder recorder;
-        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(0, 0, 640, 480), 1.0, mode);
+        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(QPoint(), size), 1.0, mode);
         warnings = recorder.texts(QtWarningMsg);
         for (const QString &text : warnings) {
             std::printf("warning %s\n", qPrintable(text));
         }
-        const bool black = !result.isNull() && result.toImage().pixel(320, 240) == qRgb(0, 0, 0);
+        const bool black = !result.isNull() && result.toImage().pixel(size.width() / 2, size.height() / 2) == qRgb(0, 0, 0);
         std::printf("result %dx%d %s\n", result.width(), result.height(), black ? "black" : "not black");
+        const QString resultFile = qEnvironmentVariable(childResultEnvironment);
+        if (!resultFile.isEmpty()) {
+            result.save(resultFile, "PNG");
+        }
     }
     std::printf("peak %lld\n", TestUtils::peakResidentKiB());
     return 0;

@@ -822,11 +822,13 @@ private Q_SLOTS:
         QTest::addColumn<int>("steps");
         QTest::addColumn<QStringList>("order");
 
+        // One step leaves the fade at its start, and the previous slide is
+        // asked for; at rest it is not, since it is not drawn (the first
+        // design asked for it all the same).
         QTest::newRow("three images, one step") << QStringLiteral("three") << 1
                                                 << QStringList{QStringLiteral("b.png"), QStringLiteral("c.png"), QStringLiteral("a.png")};
-        QTest::newRow("three images, fresh") << QStringLiteral("three") << 0
-                                             << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("c.png")};
-        QTest::newRow("two images") << QStringLiteral("two") << 0 << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png"), QStringLiteral("b.png")};
+        QTest::newRow("three images, fresh") << QStringLiteral("three") << 0 << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")};
+        QTest::newRow("two images") << QStringLiteral("two") << 0 << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")};
         QTest::newRow("one image") << QStringLiteral("one") << 0 << QStringList{QStringLiteral("only.png")};
     }
 
@@ -861,17 +863,9 @@ private Q_SLOTS:
                                   + quoted(expectedPaths.first() + QStringLiteral("|300x200"))}));
         QCOMPARE(requestedPaths(log), expectedPaths);
         QCOMPARE(workerRequests(log).mid(0, 2).last(), queued(expectedPaths.at(qMin(1, expectedPaths.size() - 1)), QSize(300, 200)));
-        // Everything the show draws at the new size once the worker is
-        // through; the previous slide only while a fade runs (the worker
-        // skips a slide the show no longer wants).
-        const bool fading = inspect(label).currentOpacity() < 1.0;
+        // Everything asked for is at the new size once the worker is through.
         for (const QString &requested : expectedPaths) {
-            if (requested == inspect(label).previousImage() && requested != expectedPaths.at(qMin(1, expectedPaths.size() - 1)) && !fading) {
-                QVERIFY(waitUntilIdle(inspect(label).worker()));
-                QVERIFY(cachedSlide(*label, requested).isNull());
-            } else {
-                QTRY_VERIFY(!cachedSlide(*label, requested).isNull());
-            }
+            QTRY_VERIFY(!cachedSlide(*label, requested).isNull());
         }
     }
 };

@@ -8,6 +8,7 @@
 // asks its worker for (observed through the worker's debug lines) after
 // setDir, setNext and setPosition.
 
+#include "fusefolder.h"
 #include "imagecache/imagecacheworker.h"
 #include "imagecache/imagecacheworker_p.h"
 #include "slidelabel/slidelabel.h"
@@ -22,6 +23,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 
 using namespace Dm::ScreenSaver;
@@ -47,6 +49,12 @@ QStringList writeFiles(const QString &directory, const QStringList &names, const
         paths.append(path);
     }
     return paths;
+}
+
+QStringList sorted(QStringList list)
+{
+    std::sort(list.begin(), list.end());
+    return list;
 }
 
 QStringList joined(const QString &directory, const QStringList &names)
@@ -347,6 +355,63 @@ private Q_SLOTS:
         }
     }
 
+    // A slide that will not be drawn is neither prepared nor kept: the start
+    // and a resize at rest ask for the current and the next slide only; a
+    // resize during a fade asks for the previous one too; once that fade is
+    // over, the previous slide leaves the cache before the next preparation
+    // starts, not after it.
+    void onlyWhatIsDrawnIsPrepared()
+    {
+        TestUtils::FuseFolder fuse;
+        if (!fuse.error().isEmpty()) {
+            QSKIP(qPrintable(fuse.error()));
+        }
+        QStringList names;
+        for (char letter = 'a'; letter <= 'k'; ++letter) {
+            names.append(QLatin1Char(letter) + QStringLiteral(".png"));
+        }
+        writeFiles(fuse.backing(), names);
+        const QStringList paths = joined(fuse.path(), names);
+        LogRecorder log;
+        auto label = makeShownLabel();
+        QVERIFY(label);
+        const auto decodes = [&label] {
+            return snapshotOf(inspect(label).worker()).preparationsStarted;
+        };
+        QVERIFY(setDirAndWait(*label, fuse.path()));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(requestedPaths(log), paths.mid(0, 2));
+        QCOMPARE(decodes(), 2);
+
+        log.clear();
+        label->resize(330, 250);
+        QTRY_COMPARE(requestedPaths(log), paths.mid(0, 2));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(decodes(), 4);
+
+        // b fading in over a; c asked for as the next.
+        label->setNext();
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(decodes(), 5);
+        log.clear();
+        label->resize(labelSize);
+        QTRY_COMPARE(requestedPaths(log), (QStringList{paths.at(1), paths.at(2), paths.at(0)}));
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(decodes(), 8);
+        QCOMPARE(snapshotOf(inspect(label).worker()).capacity, 3);
+
+        // The fade over, a is drawn no more. With d's reading held, the
+        // cache holds b and c only: a left before d was read.
+        label->setOpacity(1.0);
+        fuse.holdReads(true);
+        label->setNext();
+        QTRY_VERIFY(fuse.waitingReads() >= 1);
+        QCOMPARE(sorted(snapshotOf(inspect(label).worker()).cachedPaths), (QStringList{paths.at(1), paths.at(2)}));
+        fuse.holdReads(false);
+        QVERIFY(waitUntilIdle(inspect(label).worker()));
+        QCOMPARE(sorted(snapshotOf(inspect(label).worker()).cachedPaths), (QStringList{paths.at(1), paths.at(2), paths.at(3)}));
+    }
+
     void resizeSetsTheCapacityForTheNewSize()
     {
         QTemporaryDir dir;
@@ -528,16 +593,21 @@ private Q_SLOTS:
     void setPositionWithANewValueRequestsCurrentNextAndPrevious_data()
     {
         QTest::addColumn<int>("steps");
+        QTest::addColumn<bool>("fading");
         QTest::addColumn<QList<int>>("order");
 
-        QTest::newRow("after setDir") << 0 << QList<int>{0, 1, 2};
-        QTest::newRow("after one step") << 1 << QList<int>{1, 2, 0};
-        QTest::newRow("at the last image") << 2 << QList<int>{2, 0, 1};
+        // The previous slide is asked for only while a fade runs: at rest it
+        // is not drawn (the first design asked for it all the same).
+        QTest::newRow("after setDir") << 0 << false << QList<int>{0, 1};
+        QTest::newRow("after one step, fading") << 1 << true << QList<int>{1, 2, 0};
+        QTest::newRow("after one step, the fade over") << 1 << false << QList<int>{1, 2};
+        QTest::newRow("at the last image, fading") << 2 << true << QList<int>{2, 0, 1};
     }
 
     void setPositionWithANewValueRequestsCurrentNextAndPrevious()
     {
         QFETCH(int, steps);
+        QFETCH(bool, fading);
         QFETCH(QList<int>, order);
 
         QTemporaryDir dir;
@@ -549,6 +619,9 @@ private Q_SLOTS:
         QVERIFY(setDirAndWait(*label, dir.path()));
         for (int i = 0; i < steps; ++i) {
             label->setNext();
+        }
+        if (!fading) {
+            label->setOpacity(1.0);
         }
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
@@ -565,17 +638,20 @@ private Q_SLOTS:
     void setPositionWithFewerThanThreeImages_data()
     {
         QTest::addColumn<QStringList>("names");
+        QTest::addColumn<bool>("fading");
         QTest::addColumn<QList<int>>("order");
 
-        QTest::newRow("one image") << QStringList{QStringLiteral("a.png")} << QList<int>{0};
-        // The previous image is the next one: asked for twice, the worker
-        // takes it once.
-        QTest::newRow("two images") << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")} << QList<int>{0, 1, 1};
+        QTest::newRow("one image") << QStringList{QStringLiteral("a.png")} << false << QList<int>{0};
+        QTest::newRow("two images") << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")} << false << QList<int>{0, 1};
+        // While a fade runs the previous image is the next one: asked for
+        // twice, the worker takes it once.
+        QTest::newRow("two images, fading") << QStringList{QStringLiteral("a.png"), QStringLiteral("b.png")} << true << QList<int>{0, 1, 1};
     }
 
     void setPositionWithFewerThanThreeImages()
     {
         QFETCH(QStringList, names);
+        QFETCH(bool, fading);
         QFETCH(QList<int>, order);
 
         QTemporaryDir dir;
@@ -585,6 +661,9 @@ private Q_SLOTS:
         LogRecorder log;
         auto label = makeLabel();
         QVERIFY(setDirAndWait(*label, dir.path()));
+        if (fading) {
+            label->setOpacity(0.5);
+        }
         QVERIFY(waitUntilIdle(inspect(label).worker()));
 
         log.clear();

@@ -29,13 +29,35 @@ namespace
 // A preparation allocates and frees tens of megabytes (the decoded file, the
 // scaled result); glibc keeps such freed memory inside the heap for reuse,
 // so a process that prepared one large photo stays that large all night.
-// Handing the free pages back after each preparation keeps the resident
-// memory to what the cache really holds.
-void returnFreeMemory()
+// Handing the free pages back keeps the resident memory to what the cache
+// really holds; it costs a walk over the heap, so it is done only after a
+// preparation or an eviction that freed a large block. Blocks of less than
+// this are mostly reused by the next slide of the same size anyway.
+constexpr qint64 trimThreshold = 8 * 1024 * 1024;
+
+void returnFreeMemory(qint64 freedBytes)
 {
 #ifdef __GLIBC__
-    malloc_trim(0);
+    if (freedBytes >= trimThreshold) {
+        malloc_trim(0);
+    }
+#else
+    Q_UNUSED(freedBytes)
 #endif
+}
+
+qint64 bytesOf(const QPixmap &pixmap)
+{
+    return qint64(pixmap.width()) * pixmap.height() * (pixmap.depth() / 8);
+}
+
+qint64 bytesOf(const QList<QPixmap> &pixmaps)
+{
+    qint64 bytes = 0;
+    for (const QPixmap &pixmap : pixmaps) {
+        bytes += bytesOf(pixmap);
+    }
+    return bytes;
 }
 
 // The path of a request key: everything before the size.
@@ -91,10 +113,14 @@ void ImageCacheWorker::makeYoungestLocked(const QString &path)
     cacheOrder.append(path);
 }
 
-void ImageCacheWorker::storeLocked(const QString &path, const QPixmap &pixmap)
+QPixmap ImageCacheWorker::storeLocked(const QString &path, const QPixmap &pixmap)
 {
+    // The replaced pixmap is handed out, to be freed once the lock is
+    // released.
+    QPixmap replaced = cache.take(path);
     cache.insert(path, pixmap);
     makeYoungestLocked(path);
+    return replaced;
 }
 
 QPixmap ImageCacheWorker::getCachedImage(const QString &path, const QRect &geometry, double devicePixelRatio, Position position)
@@ -171,6 +197,10 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
     enum class Start { Outdated, Served, Passed, Deferred, AlreadyCached, Prepare };
     Start start = Start::Prepare;
     QPixmap pixmap;
+    // Entries that make room for this one before it is prepared.
+    QList<QPixmap> roomPixmaps;
+    QStringList roomEvicted;
+    QList<int> roomSizes;
     {
         std::lock_guard<std::mutex> locker(mutex);
         if (requestGeneration != generation.load()) {
@@ -195,9 +225,21 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
                 ++preparationsStarted;
                 preparingPath = path;
                 preparationUnwanted.store(false);
+                // A slide the show no longer wants (the previous one once its
+                // fade has ended) leaves before the decoding starts, not
+                // after: the decoding and the cache's full set are never in
+                // memory at once.
+                if (!cache.contains(path)) {
+                    evictLocked(&roomEvicted, &roomSizes, &roomPixmaps, 1);
+                }
             }
         }
     }
+    // Freed here, outside the lock.
+    const qint64 freedForRoom = bytesOf(roomPixmaps);
+    roomPixmaps.clear();
+    logEvictions(roomEvicted, roomSizes);
+    returnFreeMemory(freedForRoom);
     switch (start) {
     case Start::Outdated:
         qCDebug(slideShowLog) << "ImageCacheWorker: the request was made before the cache was cleaned, skipped without processing:" << key;
@@ -233,6 +275,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
     // early once a clearing has made this request outdated, or once the show
     // no longer wants the slide.
     bool gone = false;
+    qint64 workingBytes = 0;
     pixmap = prepareImage(
         path,
         screenGeom,
@@ -241,10 +284,12 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         [this, requestGeneration] {
             return generation.load() != requestGeneration || preparationUnwanted.load();
         },
-        &gone);
+        &gone,
+        &workingBytes);
 
     enum class End { Dropped, Passed, Gone, Stored, NotStored };
     End end = End::NotStored;
+    // What leaves the cache is freed after the lock is released.
     QList<QPixmap> evictedPixmaps;
     QStringList evicted;
     QList<int> sizesAfterEviction;
@@ -270,7 +315,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
                 // The show may have passed this slide just after it was
                 // read; it is still reported, but does not take a wanted
                 // slide's place.
-                storeLocked(path, pixmap);
+                evictedPixmaps.append(storeLocked(path, pixmap));
                 evictLocked(&evicted, &sizesAfterEviction, &evictedPixmaps);
                 end = End::Stored;
             }
@@ -278,6 +323,9 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         cacheSize = cache.size();
         orderSize = cacheOrder.size();
     }
+    // The preparation's own buffers are gone already; what left the cache
+    // goes now.
+    const qint64 freed = workingBytes + bytesOf(evictedPixmaps);
     evictedPixmaps.clear();
     switch (end) {
     case End::Dropped:
@@ -286,12 +334,12 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         // was forgotten.
         qCDebug(slideShowLog) << "ImageCacheWorker: the image was prepared for a cache that has been cleaned since, it is dropped:" << path;
         pixmap = QPixmap();
-        returnFreeMemory();
+        returnFreeMemory(freed);
         return;
     case End::Passed:
         qCDebug(slideShowLog) << "ImageCacheWorker: the show has passed this slide, skipped without processing:" << key;
         pixmap = QPixmap();
-        returnFreeMemory();
+        returnFreeMemory(freed);
         return;
     case End::Gone:
         Q_EMIT imageGone(path);
@@ -309,7 +357,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
     }
     // Reported for a null pixmap too: the request is over either way.
     Q_EMIT imageCached(path, pixmap, requestGeneration);
-    returnFreeMemory();
+    returnFreeMemory(freed);
 }
 
 quint64 ImageCacheWorker::clearAllCacheData()
@@ -361,14 +409,17 @@ void ImageCacheWorker::forgetImages(const QStringList &paths)
         }
     }
     // The pixmaps are freed here, outside the lock.
+    const qint64 freed = bytesOf(dropped);
+    dropped.clear();
+    returnFreeMemory(freed);
 }
 
-void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps)
+void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps, int room)
 {
     // The order is oldest first; wanted slides are passed over, so that the
     // slide a fade is leaving is not dropped for the one after the next.
     auto it = cacheOrder.begin();
-    while (cacheOrder.size() > cacheCapacity && it != cacheOrder.end()) {
+    while (cacheOrder.size() > cacheCapacity - room && it != cacheOrder.end()) {
         if (wantedImages.contains(*it)) {
             ++it;
             continue;
@@ -438,8 +489,10 @@ void ImageCacheWorker::setCacheCapacity(int entries)
         cacheCapacity = qBound(1, entries, int(maxCacheSize));
         evictLocked(&evicted, &sizesAfterEviction, &evictedPixmaps);
     }
+    const qint64 freed = bytesOf(evictedPixmaps);
     evictedPixmaps.clear();
     logEvictions(evicted, sizesAfterEviction);
+    returnFreeMemory(freed);
 }
 
 void ImageCacheWorker::stopPreparing()
@@ -468,13 +521,15 @@ QPixmap ImageCacheWorker::processImageSynchronously(const QString &path, const Q
 
     qCDebug(slideShowLog) << "ImageCacheWorker: Image synchronous processing:" << path;
     const QPixmap pixmap = cachedImage(path, geometry, devicePixelRatio, Position(position));
+    // Freed after the lock, when this function returns.
+    QPixmap replaced;
     if (!pixmap.isNull()) {
         // No eviction here: the next insertion by the worker enforces the
         // bound. Nor is an image stored in a cache cleaned meanwhile, nor in
         // the place of a slide the show wants.
         std::lock_guard<std::mutex> locker(mutex);
         if (startGeneration == generation.load() && !unwantedAndNoRoomLocked(path)) {
-            storeLocked(path, pixmap);
+            replaced = storeLocked(path, pixmap);
         }
     }
     return pixmap;

@@ -173,26 +173,30 @@ private:
     // cachedImage, ended early (a null pixmap, no warning) once unwanted
     // returns true; unwanted is asked between small reads of the file. With
     // gone given, a file that does not exist is no unreadable file: a null
-    // pixmap without a warning, and gone set.
+    // pixmap without a warning, and gone set. workingBytes, given, is set to
+    // what the preparation held besides its result (the decoded image and
+    // what was made of it on the way), all freed by the time it returns.
     QPixmap prepareImage(const QString &path,
                          const QRect &geometry,
                          double devicePixelRatio,
                          Position position,
                          const std::function<bool()> &unwanted,
-                         bool *gone = nullptr) const;
+                         bool *gone = nullptr,
+                         qint64 *workingBytes = nullptr) const;
     // Under mutex: the cached pixmap for path at size, made the youngest
     // entry; null if there is none.
     QPixmap takeCachedAtSizeLocked(const QString &path, const QSize &size);
     // Under mutex: path moves to the end of cacheOrder (it is evicted last).
     void makeYoungestLocked(const QString &path);
     // Under mutex: stores (or replaces) the entry and makes it the youngest;
-    // the bound is left to evictLocked.
-    void storeLocked(const QString &path, const QPixmap &pixmap);
-    // Under mutex: drops the entries beyond cacheCapacity, the oldest of
-    // those not wanted first and never a wanted one, noting each dropped path
-    // and the size left after it, for the log.
-    // The dropped pixmaps are handed out, to be freed after the lock.
-    void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps);
+    // the bound is left to evictLocked. Returns the replaced pixmap, to be
+    // freed after the lock.
+    QPixmap storeLocked(const QString &path, const QPixmap &pixmap);
+    // Under mutex: drops the entries beyond cacheCapacity less room, the
+    // oldest of those not wanted first and never a wanted one, noting each
+    // dropped path and the size left after it, for the log. The dropped
+    // pixmaps are handed out, to be freed after the lock.
+    void evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps, int room = 0);
     // Under mutex: whether a new entry for path would only displace one the
     // show wants: the cache is full of wanted slides and path is none of
     // them.

@@ -71,6 +71,22 @@ void smoothAtFractionalRatio(QPainter &painter, double devicePixelRatio)
     }
 }
 
+// Whether Crop scales an image whole and then cuts the middle out, which
+// gives the exact pixels it always gave: only an image that is scaled up (in
+// the direction that sets the scale it is not larger than the screen) and
+// whose whole scaled image stays within the limit. Any other has the part
+// that is shown cut out first, and only that part scaled: a tall screenshot
+// on a wide screen would otherwise be scaled whole to many times the screen.
+bool cropScalesWhole(const QSize &image, const QSize &target)
+{
+    if (image.isEmpty() || target.isEmpty()) {
+        return true;
+    }
+    const double factor = qMax(double(target.width()) / image.width(), double(target.height()) / image.height());
+    const QSize expanded = image.scaled(target, Qt::KeepAspectRatioByExpanding);
+    return factor >= 1.0 && qint64(expanded.width()) * expanded.height() * 4 <= ImageCacheWorker::maxDecodedBytes;
+}
+
 // The centred part of an image of the given size that has the target's
 // aspect ratio: what Crop shows of it. At least one pixel each way.
 QRect visiblePart(const QSize &image, const QSize &target)
@@ -255,8 +271,15 @@ struct ReadPlan {
     // the file is read as it is.
     QSize scaledSize;
     QRect scaledClipRect;
+    // For Tile and Center: the part of the image that they show, read
+    // without the rest (in stored coordinates, which are the upright ones
+    // then); invalid when the image is read whole.
+    QRect clipRect;
     // Bytes the decoding allocates at most, or -1 when unknown.
     qint64 bytes = -1;
+    // Whether the decoder's pixels must be converted (copied) into a pixmap's
+    // format: not for 32-bit ones.
+    bool converted = false;
 };
 
 // The size the header gives. A top-down BMP states a negative height (its
@@ -269,6 +292,78 @@ QSize headerSize(QImageReader &reader)
         return QSize();
     }
     return QSize(size.width(), qAbs(size.height()));
+}
+
+// The part of an image that Tile or Center show on a target of this many
+// device pixels: one pixel of the image is a logical pixel. Center places it
+// as it always has (half the difference of the sizes in pixels, taken as
+// logical coordinates), Tile at the top left, where the first tile is all
+// that an image larger than the screen shows of itself. A pixel more on each
+// side, for the smoothing at a fractional ratio.
+QRect partShownAtOwnSize(const QSize &image, const QSize &target, double devicePixelRatio, Position position)
+{
+    if (devicePixelRatio <= 0 || image.isEmpty()) {
+        return QRect();
+    }
+    const double logicalWidth = target.width() / devicePixelRatio;
+    const double logicalHeight = target.height() / devicePixelRatio;
+    int left = 0;
+    int top = 0;
+    if (position == Center) {
+        left = -truncated((double(target.width()) - image.width()) / devicePixelRatio / 2);
+        top = -truncated((double(target.height()) - image.height()) / devicePixelRatio / 2);
+    }
+    const int right = int(std::ceil(left + logicalWidth)) + 1;
+    const int bottom = int(std::ceil(top + logicalHeight)) + 1;
+    return QRect(QPoint(left - 1, top - 1), QPoint(right, bottom)).intersected(QRect(QPoint(), image));
+}
+
+// Center of an image of which only a part may have been read: the part,
+// where it lies in the whole image, and the whole image's size, which places
+// it. Drawn at its logical size, as the whole image would be.
+QPixmap centred(const QImage &image, const QPoint &origin, const QSize &whole, const QSize &size, double devicePixelRatio)
+{
+    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+    if (image.isNull() || canvas.isNull()) {
+        return canvas;
+    }
+    QPainter painter(&canvas);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    smoothAtFractionalRatio(painter, devicePixelRatio);
+    // Negative when the image is larger than the target, so it is cut evenly
+    // on all sides.
+    const int x = truncated((double(size.width()) - whole.width()) / devicePixelRatio / 2);
+    const int y = truncated((double(size.height()) - whole.height()) / devicePixelRatio / 2);
+    painter.drawImage(QPointF(x + origin.x(), y + origin.y()), image);
+    painter.end();
+    return canvas;
+}
+
+// Tile of an image of which only the top-left part may have been read: the
+// steps follow the whole image's size.
+QPixmap tiled(const QImage &image, const QSize &whole, const QSize &size, double devicePixelRatio)
+{
+    QPixmap canvas = blackCanvas(size, devicePixelRatio);
+    // Positions are logical coordinates while the bounds are the canvas's
+    // pixel size: above ratio 1 the loops run past the visible area (the
+    // painter clips) and tiles drawn at their own logical size overlap.
+    const int stepX = truncated(whole.width() / devicePixelRatio);
+    const int stepY = truncated(whole.height() / devicePixelRatio);
+    // A step of zero (an image smaller in pixels than the ratio, or a file
+    // that vanished since the probe) would never advance: draw nothing.
+    if (image.isNull() || canvas.isNull() || stepX <= 0 || stepY <= 0) {
+        return canvas;
+    }
+    QPainter painter(&canvas);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    smoothAtFractionalRatio(painter, devicePixelRatio);
+    for (int x = 0; x < size.width(); x += stepX) {
+        for (int y = 0; y < size.height(); y += stepY) {
+            painter.drawImage(QPointF(x, y), image);
+        }
+    }
+    painter.end();
+    return canvas;
 }
 
 // Plans the reading: the image is read already reduced to what the mode
@@ -284,6 +379,7 @@ ReadPlan planReading(QImageReader &reader,
                      const QByteArray &head,
                      const QByteArray &contentFormat,
                      const QSize &target,
+                     double devicePixelRatio,
                      Position position)
 {
     ReadPlan plan;
@@ -318,12 +414,32 @@ ReadPlan planReading(QImageReader &reader,
     // format by the file's suffix (an SVG document named .png is "png" to it,
     // though its SVG reader decodes it).
     const QByteArray format = contentFormat.isEmpty() ? reader.format() : contentFormat;
+    const bool jpeg = format == "jpeg" || format == "jpg";
+
+    // Tile and Center show a screen's worth of an image larger than the
+    // screen: where the reader can read a part (JPEG, by whole rows of which
+    // it keeps only the columns shown), only that part is decoded, so that a
+    // panorama too large to decode whole is shown all the same. Only for a
+    // photo without an orientation to apply, whose stored coordinates are
+    // the ones shown.
+    if (shownAtOwnSize && jpeg && !target.isEmpty() && reader.transformation() == QImageIOHandler::TransformationNone
+        && reader.supportsOption(QImageIOHandler::ClipRect)) {
+        const QRect shown = partShownAtOwnSize(plan.stored, target, devicePixelRatio, position);
+        if (shown.isValid() && shown != QRect(QPoint(), plan.stored)) {
+            plan.clipRect = shown;
+        }
+    }
+    const QImage::Format output = reader.imageFormat();
+    plan.converted = output != QImage::Format_RGB32 && output != QImage::Format_ARGB32 && output != QImage::Format_ARGB32_Premultiplied;
+    // Bytes a pixel of what the decoder gives; four where it does not say.
+    const int outputBytes = output == QImage::Format_Invalid ? 4 : qMax(1, QImage::toPixelFormat(output).bitsPerPixel() / 8);
     const qint64 declared = pixelsOf(plan.stored);
-    if (format == "jpeg" || format == "jpg") {
+    if (jpeg) {
         // The library decodes at M/8 of the size for M from 1 to 8, no
         // smaller than asked for; the reader scales that to exactly the size
-        // asked for, and cuts the visible part out of it.
-        qint64 bytes = declared * 4;
+        // asked for, and cuts the visible part out of it. A part read whole
+        // is only that part.
+        qint64 bytes = (plan.clipRect.isValid() ? pixelsOf(plan.clipRect.size()) : declared) * 4;
         if (plan.scaledSize.isValid()) {
             const double factor = qMin(double(plan.stored.width()) / plan.scaledSize.width(), double(plan.stored.height()) / plan.scaledSize.height());
             const int eighths = qBound(1, int(std::ceil(8 / factor)), 8);
@@ -341,9 +457,18 @@ ReadPlan planReading(QImageReader &reader,
     } else if (format == "png") {
         // Counted whole: the reader's own scaling of a PNG is no promise of
         // a smaller allocation. Sixteen bits a channel decode to eight bytes
-        // a pixel, which are then converted to four, and scaled.
+        // a pixel, which are then converted to four, and scaled: the
+        // conversion is in the sixteen bytes counted.
         const bool sixteenBits = head.size() > 24 && head.mid(12, 4) == "IHDR" && uchar(head.at(24)) == 16;
-        plan.bytes = declared * (sixteenBits ? 16 : 4);
+        if (sixteenBits) {
+            plan.bytes = declared * 16;
+        } else {
+            // Thirty-two bits a pixel for the whole image, which its scaling
+            // or its copy into a pixmap's format takes, and beside them the
+            // decoder's own pixels where they are fewer bits.
+            plan.bytes = declared * 4 + (plan.converted ? declared * outputBytes : 0);
+        }
+        plan.converted = false;
     } else if (format == "gif") {
         // A GIF is decoded onto its whole logical screen, whose size the
         // header states apart from the size of the first frame that the
@@ -355,7 +480,9 @@ ReadPlan planReading(QImageReader &reader,
         const qint64 screenHeight = uchar(head.at(8)) | (uchar(head.at(9)) << 8);
         plan.bytes = qMax(declared, screenWidth * screenHeight) * 4;
     } else {
-        plan.bytes = declared * 4;
+        // What the decoder gives, at the bytes a pixel of its format (an
+        // 8-bit BMP one, which its copy into a pixmap's format makes four).
+        plan.bytes = declared * outputBytes;
     }
     return plan;
 }
@@ -371,7 +498,8 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
                                        double devicePixelRatio,
                                        Position position,
                                        const std::function<bool()> &unwanted,
-                                       bool *gone) const
+                                       bool *gone,
+                                       qint64 *workingBytes) const
 {
     // The black canvas of the target's size is the answer for a file that
     // cannot be read; it is only built then (at 4K it costs a full fill).
@@ -382,6 +510,10 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
     QImage decoded;
     bool overBudget = false;
     bool visiblePartDelivered = false;
+    // Where the decoded part lies in the whole image, and the whole image's
+    // size (upright): Tile and Center of a part place it by them.
+    QPoint origin;
+    QSize whole;
     {
         PreparationFile file(path, unwanted);
         if (file.open(QIODevice::ReadOnly)) {
@@ -390,8 +522,32 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
             const QByteArray contentFormat = QImageReader::imageFormat(&file);
             QImageReader reader(&file);
             reader.setAutoTransform(true);
-            const ReadPlan plan = planReading(reader, path, file.isSequential(), head, contentFormat, size, position);
-            if (plan.bytes >= 0 && plan.bytes <= maxDecodedBytes) {
+            const ReadPlan plan = planReading(reader, path, file.isSequential(), head, contentFormat, size, devicePixelRatio, position);
+            // Everything the preparation holds besides its screen-sized
+            // result counts against the limit: the decoder's allocation, the
+            // copy into a pixmap's format where one is needed, and Crop's
+            // whole scaled image where it scales one.
+            qint64 bytes = plan.bytes;
+            if (bytes >= 0) {
+                QSize output = plan.stored;
+                if (plan.scaledClipRect.isValid()) {
+                    output = plan.scaledClipRect.size();
+                } else if (plan.scaledSize.isValid()) {
+                    output = plan.scaledSize;
+                } else if (plan.clipRect.isValid()) {
+                    output = plan.clipRect.size();
+                }
+                if (plan.converted) {
+                    bytes += pixelsOf(output) * 4;
+                }
+                if (position == Crop && !plan.scaledClipRect.isValid() && cropScalesWhole(plan.upright, size)) {
+                    bytes += pixelsOf(plan.upright.scaled(size, Qt::KeepAspectRatioByExpanding)) * 4;
+                }
+            }
+            if (bytes >= 0 && bytes <= maxDecodedBytes) {
+                if (workingBytes) {
+                    *workingBytes = bytes;
+                }
                 if (plan.scaledSize.isValid()) {
                     // The reader's smooth downscaler, as Qt::SmoothTransformation.
                     reader.setQuality(100);
@@ -399,7 +555,11 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
                     if (plan.scaledClipRect.isValid()) {
                         reader.setScaledClipRect(plan.scaledClipRect);
                     }
+                } else if (plan.clipRect.isValid()) {
+                    reader.setClipRect(plan.clipRect);
+                    origin = plan.clipRect.topLeft();
                 }
+                whole = plan.upright;
                 decoded = reader.read();
                 visiblePartDelivered = plan.scaledClipRect.isValid() && decoded.size() == size;
             }
@@ -442,9 +602,9 @@ QPixmap ImageCacheWorker::prepareImage(const QString &path,
     case Crop:
         return crop(loaded, size, devicePixelRatio);
     case Tile:
-        return tile(loaded, size, devicePixelRatio);
+        return tiled(loaded.toImage(), whole.isValid() ? whole : loaded.size(), size, devicePixelRatio);
     case Center:
-        return center(loaded, size, devicePixelRatio);
+        return centred(loaded.toImage(), origin, whole.isValid() ? whole : loaded.size(), size, devicePixelRatio);
     }
     qCWarning(slideShowLog) << "ImageCacheWorker: Unknown positioning mode, return to stretching for the path:" << path;
     return stretch(loaded, size);
@@ -488,15 +648,20 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
         return canvas;
     }
 
-    // Scaling the whole image to cover the target and cutting the middle out
-    // afterwards is what gives the exact pixels, but for a very thin image
-    // the intermediate is enormous (a 1 x 10000 image covering 400 x 300
-    // would take 400 x 4,000,000 pixels). Past 16 times the target's pixels
-    // the part that will be shown is cut out first and only it is scaled.
-    const QSize expanded = loaded.size().scaled(size, Qt::KeepAspectRatioByExpanding);
-    const QPixmap source =
-        qint64(expanded.width()) * expanded.height() > 16 * qint64(size.width()) * size.height() ? loaded.copy(visiblePart(loaded.size(), size)) : loaded;
-    const QImage image = source.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
+    QImage image;
+    if (cropScalesWhole(loaded.size(), size)) {
+        image = loaded.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).toImage();
+    } else {
+        // The part shown, seen in place (no copy), is all that is scaled.
+        const QImage whole = loaded.toImage();
+        const QRect part = visiblePart(whole.size(), size);
+        const QImage view(whole.constScanLine(part.top()) + qsizetype(part.left()) * (whole.depth() / 8),
+                          part.width(),
+                          part.height(),
+                          whole.bytesPerLine(),
+                          whole.format());
+        image = view.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    }
     const int iw = image.width();
     const int ih = image.height();
     const int w = size.width();
@@ -528,51 +693,13 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
 
 QPixmap ImageCacheWorker::tile(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    QPixmap canvas = blackCanvas(size, devicePixelRatio);
-
-    // Positions are logical coordinates while the bounds are the canvas's
-    // pixel size: above ratio 1 the loops run past the visible area (the
-    // painter clips) and tiles drawn at their own logical size overlap.
-    const int stepX = truncated(loaded.width() / devicePixelRatio);
-    const int stepY = truncated(loaded.height() / devicePixelRatio);
-    // A step of zero (an image smaller in pixels than the ratio, or a file
-    // that vanished since the probe) would never advance: draw nothing.
-    if (loaded.isNull() || canvas.isNull() || stepX <= 0 || stepY <= 0) {
-        return canvas;
-    }
-
     // Converted once for all tiles.
-    const QImage image = loaded.toImage();
-    QPainter painter(&canvas);
-    painter.setCompositionMode(QPainter::CompositionMode_Source);
-    smoothAtFractionalRatio(painter, devicePixelRatio);
-    for (int x = 0; x < size.width(); x += stepX) {
-        for (int y = 0; y < size.height(); y += stepY) {
-            painter.drawImage(QPointF(x, y), image);
-        }
-    }
-    painter.end();
-    return canvas;
+    return tiled(loaded.toImage(), loaded.size(), size, devicePixelRatio);
 }
 
 QPixmap ImageCacheWorker::center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    QPixmap canvas = blackCanvas(size, devicePixelRatio);
-    if (loaded.isNull() || canvas.isNull()) {
-        return canvas;
-    }
-
-    QPainter painter(&canvas);
-    painter.setCompositionMode(QPainter::CompositionMode_Source);
-    smoothAtFractionalRatio(painter, devicePixelRatio);
-    const QImage image = loaded.toImage();
-    // Negative when the image is larger than the target, so it is cut evenly
-    // on all sides.
-    const int x = truncated((double(size.width()) - image.width()) / devicePixelRatio / 2);
-    const int y = truncated((double(size.height()) - image.height()) / devicePixelRatio / 2);
-    painter.drawImage(QPointF(x, y), image);
-    painter.end();
-    return canvas;
+    return centred(loaded.toImage(), QPoint(), loaded.size(), size, devicePixelRatio);
 }
 }
 }

@@ -296,7 +296,9 @@ void SlideLabel::refillCache()
     }
     if (imageFiles.size() >= 2) {
         requestImageCache(nextKey());
-        if (!previousKey.isEmpty() && previousKey != currentKey) {
+        // A slide that will not be drawn is not prepared: the previous one
+        // only while a fade runs.
+        if (opacity < 1.0 && !previousKey.isEmpty() && previousKey != currentKey) {
             requestImageCache(previousKey);
         }
     }

@@ -84,8 +84,9 @@ private:
     QRect deviceGeometry() const;
     // Empties the worker's cache and the label's own pixmaps.
     void clearCache();
-    // Asks for the visible images after the cache was emptied: current, then
-    // next and previous.
+    // Asks for the slides the show needs after the cache was emptied: the
+    // current one, then the next one, and the previous one while a fade
+    // runs.
     void refillCache();
     // Tells the worker how many prepared slides are worth keeping for the
     // images listed and the label's size.
