@@ -108,9 +108,16 @@ QSharedPointer<FolderListing> listImageFolder(const QString &folder, const QShar
         if (!info.isFile()) {
             continue;
         }
-        const QString path = directory.filePath(it.fileName());
+        QString path = directory.filePath(it.fileName());
         FileStamp stamp{info.size(), info.lastModified().toMSecsSinceEpoch()};
         const auto before = known.constFind(path);
+        if (before != known.constEnd()) {
+            // The listing before's own string: the two share it, and the
+            // GUI thread, which lets go of the old listing, has a reference
+            // to drop rather than a string to free, for each of perhaps many
+            // thousand images.
+            path = previous->paths.at(*before);
+        }
         const bool changed = previous && (before == known.constEnd() || previous->stamps.at(*before) != stamp);
         // Touched within the last moments (a clock far ahead aside): perhaps
         // still being written. A new file waits; a changed one stays as it

@@ -192,7 +192,10 @@ void SlideLabel::followChanges(const FolderListing &listing)
             slides.remove(path);
         }
     }
-    if (!previousKey.isEmpty() && listing.left.contains(previousKey)) {
+    // Only a previous slide that left changes the picture: the current one
+    // stays on the screen until the next switch.
+    const bool previousLeft = !previousKey.isEmpty() && listing.left.contains(previousKey);
+    if (previousLeft) {
         previousKey.clear();
     }
     updateCacheCapacity();
@@ -201,7 +204,9 @@ void SlideLabel::followChanges(const FolderListing &listing)
     if (next != currentKey && (next != formerNext || listing.replaced.contains(next))) {
         requestImageCache(next);
     }
-    update();
+    if (previousLeft) {
+        update();
+    }
 }
 
 void SlideLabel::placeCurrent()
