@@ -639,13 +639,8 @@ QPixmap ImageCacheWorker::stretch(const QPixmap &loaded, const QSize &size) cons
 
 QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const
 {
-    // Drawn in device pixels, and given its ratio at the end: the scaled
-    // image fills every pixel of the canvas whatever the ratio (at a
-    // fractional one the canvas's logical size is no whole number).
-    QPixmap canvas = blackCanvas(size, 1.0);
-    if (loaded.isNull() || canvas.isNull()) {
-        canvas.setDevicePixelRatio(devicePixelRatio);
-        return canvas;
+    if (loaded.isNull() || size.isEmpty()) {
+        return blackCanvas(size, devicePixelRatio);
     }
 
     QImage image;
@@ -662,11 +657,22 @@ QPixmap ImageCacheWorker::crop(const QPixmap &loaded, const QSize &size, double 
                           whole.format());
         image = view.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
     }
+    if (image.size() == size && !image.hasAlphaChannel()) {
+        // Scaled to the screen's very shape (a 16:9 photo on a 16:9 screen):
+        // it is the result, without a canvas to copy it into.
+        QPixmap result = QPixmap::fromImage(std::move(image));
+        result.setDevicePixelRatio(devicePixelRatio);
+        return result;
+    }
     const int iw = image.width();
     const int ih = image.height();
     const int w = size.width();
     const int h = size.height();
 
+    // Drawn in device pixels, and given its ratio at the end: the scaled
+    // image fills every pixel of the canvas whatever the ratio (at a
+    // fractional one the canvas's logical size is no whole number).
+    QPixmap canvas = blackCanvas(size, 1.0);
     QPainter painter(&canvas);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
 

@@ -270,7 +270,12 @@ void SlideLabel::setNext()
     currentKey = imageFiles.at(currentIndex);
     currentInShow = true;
     updateWantedImages();
-    update();
+    // At the fade's start the picture is the previous slide alone, as the
+    // screen shows it already when that slide covered it: at 4K a frame
+    // saved.
+    if (!testAttribute(Qt::WA_OpaquePaintEvent)) {
+        update();
+    }
     // The new current image was asked for one step earlier; only look ahead.
     requestImageCache(nextKey());
     if (currentIndex == 0) {
