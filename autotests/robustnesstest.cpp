@@ -453,7 +453,9 @@ QList<Kind> kinds()
     add(list, "position-zero", setting(QStringLiteral("Position=int:0"), nothing));
     add(list, "position-negative", setting(QStringLiteral("Position=int:-1"), unknownPosition));
     add(list, "position-huge", setting(QStringLiteral("Position=int:2147483647"), unknownPosition));
-    add(list, "position-four", setting(QStringLiteral("Position=int:4"), unknownPosition));
+    // Four is Fit, the fifth mode; five is the first unknown one.
+    add(list, "position-four-fit", setting(QStringLiteral("Position=int:4"), nothing));
+    add(list, "position-five", setting(QStringLiteral("Position=int:5"), unknownPosition));
     add(list, "position-not-a-number", setting(QStringLiteral("Position=string:middle"), nothing));
     add(list, "directory-zero", directorySetting(QStringLiteral("ImageDirectory=int:0"), QStringLiteral("0")));
     add(list, "directory-negative", directorySetting(QStringLiteral("ImageDirectory=int:-1"), QStringLiteral("-1")));
