@@ -13,6 +13,8 @@
 
 #include "testutils.h"
 
+#include <QAbstractButton>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -46,10 +48,13 @@ struct Controls {
     QGroupBox *positionGroup = nullptr;
     QLineEdit *directory = nullptr;
     QPushButton *open = nullptr;
+    QCheckBox *includeSubfolders = nullptr;
     QLabel *autoSwitchLabel = nullptr;
     QSpinBox *autoSwitch = nullptr;
     QLabel *effectLabel = nullptr;
     QComboBox *effect = nullptr;
+    QLabel *orderLabel = nullptr;
+    QComboBox *order = nullptr;
     QComboBox *position = nullptr;
     QDialogButtonBox *buttonBox = nullptr;
     QPushButton *ok = nullptr;
@@ -57,8 +62,8 @@ struct Controls {
 
     bool complete() const
     {
-        return mainLayout && directoryGroup && animationGroup && positionGroup && directory && open && autoSwitchLabel && autoSwitch && effectLabel && effect
-            && position && buttonBox && ok && cancel;
+        return mainLayout && directoryGroup && animationGroup && positionGroup && directory && open && includeSubfolders && autoSwitchLabel && autoSwitch
+            && effectLabel && effect && orderLabel && order && position && buttonBox && ok && cancel;
     }
 };
 
@@ -79,6 +84,7 @@ inline Controls controlsOf(QDialog *dialog)
     if (c.directoryGroup) {
         c.directory = c.directoryGroup->findChild<QLineEdit *>(QString(), Qt::FindDirectChildrenOnly);
         c.open = c.directoryGroup->findChild<QPushButton *>(QString(), Qt::FindDirectChildrenOnly);
+        c.includeSubfolders = c.directoryGroup->findChild<QCheckBox *>(QString(), Qt::FindDirectChildrenOnly);
     }
     if (c.animationGroup) {
         const QList<QLabel *> labels = c.animationGroup->findChildren<QLabel *>(QString(), Qt::FindDirectChildrenOnly);
@@ -87,10 +93,20 @@ inline Controls controlsOf(QDialog *dialog)
                 c.autoSwitchLabel = label;
             } else if (label->text() == translated("Effect")) {
                 c.effectLabel = label;
+            } else if (label->text() == translated("Order")) {
+                c.orderLabel = label;
             }
         }
         c.autoSwitch = c.animationGroup->findChild<QSpinBox *>(QString(), Qt::FindDirectChildrenOnly);
-        c.effect = c.animationGroup->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
+        // Two combo boxes share this group; each is known by its first item.
+        const QList<QComboBox *> boxes = c.animationGroup->findChildren<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
+        for (QComboBox *box : boxes) {
+            if (box->itemText(0) == translated("Fast")) {
+                c.effect = box;
+            } else if (box->itemText(0) == translated("By name")) {
+                c.order = box;
+            }
+        }
     }
     if (c.positionGroup) {
         c.position = c.positionGroup->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
@@ -112,6 +128,13 @@ inline void chooseWithKeyboard(QComboBox *box, int index)
     for (int i = 0; i < index; ++i) {
         QTest::keyClick(box, Qt::Key_Down);
     }
+}
+
+// Toggles a check box the way a user does with the keyboard.
+inline void toggleWithKeyboard(QAbstractButton *button)
+{
+    button->setFocus();
+    QTest::keyClick(button, Qt::Key_Space);
 }
 
 // Replaces the text of a line edit (or of a spin box's editor) by typing.

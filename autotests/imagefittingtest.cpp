@@ -13,6 +13,7 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QImageReader>
+#include <QImageWriter>
 #include <QPainter>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -25,7 +26,7 @@ using namespace Dm::ScreenSaver;
 
 // The "Position" setting stores these numbers: a change breaks every stored
 // setting, and the build.
-static_assert(int(Stretch) == 0 && int(Crop) == 1 && int(Tile) == 2 && int(Center) == 3, "the fitting modes' stored values");
+static_assert(int(Stretch) == 0 && int(Crop) == 1 && int(Tile) == 2 && int(Center) == 3 && int(Fit) == 4, "the fitting modes' stored values");
 using TestUtils::LogEntry;
 using TestUtils::LogRecorder;
 
@@ -790,6 +791,61 @@ private Q_SLOTS:
         }
     }
 
+    void fitShowsTheWholeImageOverItsDarkenedFill_data()
+    {
+        QTest::addColumn<QSize>("image");
+        QTest::addColumn<QRect>("fitted");
+        // On a 400 x 300 screen.
+        QTest::newRow("portrait") << QSize(100, 200) << QRect(125, 0, 150, 300);
+        QTest::newRow("landscape") << QSize(400, 100) << QRect(0, 100, 400, 100);
+        QTest::newRow("the screen's shape") << QSize(800, 600) << QRect(0, 0, 400, 300);
+        // Fitted, 400 x 299: within a pixel of the screen, so it fills it,
+        // with no sliver of fill.
+        QTest::newRow("within a pixel") << QSize(401, 300) << QRect(0, 0, 400, 300);
+    }
+
+    // Fit: the whole image, its aspect kept, as large as fits and centred;
+    // around it the same image covering the screen, blurred strongly and
+    // darkened to 40 %.
+    void fitShowsTheWholeImageOverItsDarkenedFill()
+    {
+        QFETCH(QSize, image);
+        QFETCH(QRect, fitted);
+        // Red on the left half, blue on the right one.
+        QImage halves(image, QImage::Format_RGB32);
+        halves.fill(Qt::blue);
+        for (int y = 0; y < image.height(); ++y) {
+            std::fill_n(reinterpret_cast<QRgb *>(halves.scanLine(y)), image.width() / 2, qRgb(255, 0, 0));
+        }
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("fit.png"), halves);
+        const QSize screen(400, 300);
+        LogRecorder recorder;
+        const QImage shown = toRgb(m_worker.cachedImage(path, QRect(QPoint(), screen), 1.0, Fit));
+        QVERIFY(recorder.entries().isEmpty());
+        QCOMPARE(shown.size(), screen);
+        const int middle = fitted.center().y();
+        // The image, whole: red and blue inside its place, at its edges too.
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.left() + 2, middle), Qt::red, 2));
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.right() - 2, middle), Qt::blue, 2));
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.center().x(), fitted.top()), Qt::red, 128));
+        const QColor darkRed(102, 0, 0);
+        const QColor darkBlue(0, 0, 102);
+        if (fitted.width() < screen.width()) {
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(5, 150), darkRed, 2));
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(394, 150), darkBlue, 2));
+        } else if (fitted.height() < screen.height()) {
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(60, 50), darkRed, 2));
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(340, 250), darkBlue, 2));
+            // Blurred: where red meets blue in the fill, a mix of both.
+            const QRgb mix = shown.pixel(200, 50);
+            QVERIFY2(qRed(mix) > 20 && qBlue(mix) > 20, qPrintable(QColor(mix).name()));
+        } else {
+            // Filled by the image itself: no darkened pixel anywhere.
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(0, 0), Qt::red, 2));
+            QVERIFY(TestUtils::fuzzyColor(shown.pixel(399, 299), Qt::blue, 2));
+        }
+    }
+
     void everyFormatIsReadWithItsSize_data()
     {
         QTest::addColumn<QString>("path");
@@ -822,6 +878,18 @@ private Q_SLOTS:
         gifFile.write(gif);
         gifFile.close();
         QTest::newRow("gif") << gifPath << size << true;
+        // Today's formats, written by the installed image plug-ins; the
+        // lossy ones at their best quality.
+        for (const char *format : {"webp", "tif", "tiff", "heic", "avif", "jxl"}) {
+            if (!QImageWriter::supportedImageFormats().contains(format)) {
+                continue;
+            }
+            const QString path = m_dir.filePath(QStringLiteral("format.%1").arg(QLatin1String(format)));
+            QImageWriter writer(path, format);
+            writer.setQuality(100);
+            QVERIFY2(writer.write(white), qPrintable(writer.errorString()));
+            QTest::newRow(format) << path << size << (qstrcmp(format, "tif") == 0 || qstrcmp(format, "tiff") == 0);
+        }
         if (QImageReader::supportedImageFormats().contains("svg")) {
             const QString svgPath = m_dir.filePath(QStringLiteral("format.svg"));
             QFile svg(svgPath);

@@ -186,14 +186,14 @@ private Q_SLOTS:
         QCOMPARE(log.count(listedPrefix + QStringLiteral("2")), 1);
     }
 
-    // 100,000 files (one image, then empty ones): listed, sorted and looked
-    // at off the GUI thread.
+    // 100,001 files (one image, then empty ones): listed, sorted and looked
+    // at off the GUI thread; the show takes the first 100,000 and says so.
     void hundredThousandFilesAreListedOffTheGuiThread()
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
         writeLetters(dir.path(), QStringLiteral("a"));
-        for (int i = 1; i < 100000; ++i) {
+        for (int i = 1; i <= 100000; ++i) {
             QFile empty(QDir(dir.path()).filePath(QStringLiteral("x%1.jpg").arg(i, 6, 10, QLatin1Char('0'))));
             QVERIFY(empty.open(QIODevice::WriteOnly));
         }
@@ -206,6 +206,8 @@ private Q_SLOTS:
         QVERIFY2(returned < 100, qPrintable(QStringLiteral("setProperty took %1 ms").arg(returned)));
         QVERIFY(host.listed(slowTimeout));
         QCOMPARE(log.count(listedPrefix + QStringLiteral("100000")), 1);
+        QCOMPARE(log.count(QStringLiteral("SlideLabel: More images than the show takes, only the first are shown: 100000")), 1);
+        QCOMPARE(inspect(host.label()).files().last(), QDir(dir.path()).filePath(QStringLiteral("x099999.jpg")));
         QVERIFY(host.shows(colourOf(0)));
         qInfo("setProperty returned after %lld ms", returned);
     }

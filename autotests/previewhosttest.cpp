@@ -277,10 +277,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("message");
+        // Fit, the fifth mode, is 4: the first unknown number is 5.
         QTest::newRow("position name") << QStringList{QStringLiteral("--position"), QStringLiteral("Zoom")}
-                                       << QStringLiteral("--position takes Stretch, Crop, Tile, Center or 0 to 3, not \"Zoom\"");
-        QTest::newRow("position number") << QStringList{QStringLiteral("--position"), QStringLiteral("4")}
-                                         << QStringLiteral("--position takes Stretch, Crop, Tile, Center or 0 to 3, not \"4\"");
+                                       << QStringLiteral("--position takes Stretch, Crop, Tile, Center, Fit or 0 to 4, not \"Zoom\"");
+        QTest::newRow("position number") << QStringList{QStringLiteral("--position"), QStringLiteral("5")}
+                                         << QStringLiteral("--position takes Stretch, Crop, Tile, Center, Fit or 0 to 4, not \"5\"");
         QTest::newRow("window") << QStringList{QStringLiteral("--window"), QStringLiteral("0x10")}
                                 << QStringLiteral("--window takes a size like 960x540, not \"0x10\"");
         QTest::newRow("interval") << QStringList{QStringLiteral("--interval"), QStringLiteral("-1")}

@@ -453,7 +453,9 @@ QList<Kind> kinds()
     add(list, "position-zero", setting(QStringLiteral("Position=int:0"), nothing));
     add(list, "position-negative", setting(QStringLiteral("Position=int:-1"), unknownPosition));
     add(list, "position-huge", setting(QStringLiteral("Position=int:2147483647"), unknownPosition));
-    add(list, "position-four", setting(QStringLiteral("Position=int:4"), unknownPosition));
+    // Four is Fit, the fifth mode; five is the first unknown one.
+    add(list, "position-four-fit", setting(QStringLiteral("Position=int:4"), nothing));
+    add(list, "position-five", setting(QStringLiteral("Position=int:5"), unknownPosition));
     add(list, "position-not-a-number", setting(QStringLiteral("Position=string:middle"), nothing));
     add(list, "directory-zero", directorySetting(QStringLiteral("ImageDirectory=int:0"), QStringLiteral("0")));
     add(list, "directory-negative", directorySetting(QStringLiteral("ImageDirectory=int:-1"), QStringLiteral("-1")));
@@ -585,6 +587,67 @@ QList<Kind> kinds()
             run.harnessArguments << QStringLiteral("--wait-ms") << QStringLiteral("60000");
             return !svg(run.dir, 8192).isEmpty() && withGoodImage(run);
         });
+    }
+
+    // Today's formats, where this machine's image plug-ins write them: empty,
+    // cut in half and with a damaged header (a TIFF still decodes then), and
+    // a header that declares more than the decoding limit takes.
+    const QList<QByteArray> writable = QImageWriter::supportedImageFormats();
+    for (const char *format : {"webp", "tiff", "heic", "avif", "jxl"}) {
+        if (!writable.contains(format)) {
+            continue;
+        }
+        const QByteArray bytes = encoded(small, format);
+        const QString suffix = QLatin1String(format);
+        const bool tiff = qstrcmp(format, "tiff") == 0;
+        add(list, qPrintable(QStringLiteral("zero-byte-%1").arg(suffix)), badFile(QStringLiteral("empty.") + suffix, QByteArray(), false));
+        add(list, qPrintable(QStringLiteral("truncated-%1").arg(suffix)), badFile(QStringLiteral("half.") + suffix, bytes.left(bytes.size() / 2), false));
+        add(list, qPrintable(QStringLiteral("corrupted-%1-header").arg(suffix)), badFile(QStringLiteral("head.") + suffix, inverted(bytes, 8, 40), tiff));
+    }
+    add(list, "zero-byte-gif", badFile(QStringLiteral("empty.gif"), QByteArray(), false));
+    if (writable.contains("webp")) {
+        // An extended WebP header with a canvas of 16384 x 16384: 1 GiB.
+        QByteArray vp8x("VP8X");
+        const QByteArray payload = QByteArray("\0\0\0\0", 4) + QByteArray("\xff\x3f\0\xff\x3f\0", 6);
+        vp8x.append(char(payload.size())).append(QByteArray(3, '\0')).append(payload);
+        QByteArray webp("RIFF");
+        const int riffSize = 4 + vp8x.size();
+        webp.append(char(riffSize)).append(QByteArray(3, '\0')).append("WEBP").append(vp8x);
+        add(list, "webp-declaring-16384x16384", badFile(QStringLiteral("huge.webp"), webp, false));
+        add(list,
+            "webp-8000x8000-at-the-new-limit",
+            shown([](const QString &dir) {
+                return TestUtils::writeImage(dir, QStringLiteral("large.webp"), gradient(QSize(8000, 8000)));
+            }),
+            true);
+    }
+    if (writable.contains("tiff")) {
+        // A little-endian TIFF header whose one directory declares 65535 x
+        // 65535 pixels and nothing else.
+        QByteArray tiff("II*\0\x08\0\0\0", 8);
+        tiff.append(char(2)).append('\0');
+        for (quint16 tag : {quint16(256), quint16(257)}) {
+            tiff.append(char(tag & 0xff)).append(char(tag >> 8)).append(char(3)).append('\0');
+            tiff.append(char(1)).append(QByteArray(3, '\0')).append("\xff\xff\0\0", 4);
+        }
+        tiff.append(QByteArray(4, '\0'));
+        add(list, "tiff-declaring-65535x65535", badFile(QStringLiteral("huge.tiff"), tiff, false));
+        add(list,
+            "tiff-5792x5792-at-the-new-limit",
+            shown([](const QString &dir) {
+                return TestUtils::writeImage(dir, QStringLiteral("large.tiff"), gradient(QSize(5792, 5792)));
+            }),
+            true);
+    }
+    for (const char *format : {"heic", "avif", "jxl"}) {
+        if (writable.contains(format)) {
+            add(list,
+                qPrintable(QStringLiteral("%1-4096x4096-at-the-new-limit").arg(QLatin1String(format))),
+                shown([format](const QString &dir) {
+                    return TestUtils::writeImage(dir, QStringLiteral("large.") + QLatin1String(format), gradient(QSize(4096, 4096)));
+                }),
+                true);
+        }
     }
 
     // Slow kinds for the full run.

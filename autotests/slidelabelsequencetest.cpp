@@ -20,6 +20,8 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QImageReader>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -204,7 +206,134 @@ private Q_SLOTS:
 
         auto label = makeLabel();
         QVERIFY(setDirAndWait(*label, dir.path()));
-        QCOMPARE(inspect(label).files(), joined(dir.path(), {QStringLiteral("a.png"), QStringLiteral("link.png")}));
+        // GIF and TIFF are shown where an image plug-in reads them.
+        QStringList expected{QStringLiteral("a.png")};
+        if (QImageReader::supportedImageFormats().contains("gif")) {
+            expected.append(QStringLiteral("b.gif"));
+        }
+        if (QImageReader::supportedImageFormats().contains("tiff")) {
+            expected.append(QStringLiteral("c.tiff"));
+        }
+        expected.append(QStringLiteral("link.png"));
+        QCOMPARE(inspect(label).files(), joined(dir.path(), expected));
+    }
+
+    // The photos where people keep them: with the subfolders, a folder's
+    // own images come first in name order, then each subfolder in name order,
+    // and so on down; hidden folders and the ones network storage keeps
+    // beside photos are left out, and a folder that links lead to again is
+    // listed once, so a loop of links ends.
+    void subfoldersAreListedDepthFirst()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QDir root(dir.path());
+        for (const char *folder : {"Sub1/deep", "sub2", ".hidden", "@eaDir", "#recycle"}) {
+            QVERIFY(root.mkpath(QLatin1String(folder)));
+        }
+        writeFiles(dir.path(), {QStringLiteral("b.png"), QStringLiteral("A.jpg")});
+        writeFiles(root.filePath(QStringLiteral("Sub1")), {QStringLiteral("d.png")});
+        writeFiles(root.filePath(QStringLiteral("Sub1/deep")), {QStringLiteral("e.png")});
+        writeFiles(root.filePath(QStringLiteral("sub2")), {QStringLiteral("c.png")});
+        for (const char *folder : {".hidden", "@eaDir", "#recycle"}) {
+            writeFiles(root.filePath(QLatin1String(folder)), {QStringLiteral("f.png")});
+        }
+        // A loop back to the top, and a second way into Sub1.
+        QVERIFY(QFile::link(dir.path(), root.filePath(QStringLiteral("Sub1/loop"))));
+        QVERIFY(QFile::link(root.filePath(QStringLiteral("Sub1")), root.filePath(QStringLiteral("zlink"))));
+
+        auto label = makeLabel();
+        label->setDir(dir.path(), true, ByName);
+        QVERIFY(waitForListing(*label));
+        QCOMPARE(inspect(label).files(),
+                 joined(dir.path(),
+                        {QStringLiteral("A.jpg"),
+                         QStringLiteral("b.png"),
+                         QStringLiteral("Sub1/d.png"),
+                         QStringLiteral("Sub1/deep/e.png"),
+                         QStringLiteral("sub2/c.png")}));
+        // Without them, the folder alone, as always.
+        label->setDir(dir.path(), false, ByName);
+        QVERIFY(waitForListing(*label));
+        QCOMPARE(inspect(label).files(), joined(dir.path(), {QStringLiteral("A.jpg"), QStringLiteral("b.png")}));
+    }
+
+    // Shuffled: each image once a round in a random order, a fresh order
+    // every round, and a round never begins with the image the one before
+    // ended on.
+    void shuffleShowsEachImageOnceARoundInAFreshOrder()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList names{QStringLiteral("a.png"),
+                                QStringLiteral("b.png"),
+                                QStringLiteral("c.png"),
+                                QStringLiteral("d.png"),
+                                QStringLiteral("e.png"),
+                                QStringLiteral("f.png")};
+        const QStringList paths = writeFiles(dir.path(), names);
+        auto label = makeLabel();
+        SlideLabelAccess::seedShuffle(label.get(), 20261124);
+        label->setDir(dir.path(), false, Shuffle);
+        QVERIFY(waitForListing(*label));
+        QList<QStringList> rounds{{inspect(label).currentImage()}};
+        while (rounds.size() < 3) {
+            label->setNext();
+            if (rounds.last().size() == names.size()) {
+                rounds.append(QStringList());
+            }
+            rounds.last().append(inspect(label).currentImage());
+        }
+        const QStringList first = rounds.at(0);
+        const QStringList second = rounds.at(1);
+        QCOMPARE(QSet<QString>(first.cbegin(), first.cend()), QSet<QString>(paths.cbegin(), paths.cend()));
+        QCOMPARE(QSet<QString>(second.cbegin(), second.cend()), QSet<QString>(paths.cbegin(), paths.cend()));
+        QVERIFY(first != second);
+        QVERIFY(first != paths);
+        QVERIFY(second != paths);
+        QVERIFY(second.first() != first.last());
+        QVERIFY(rounds.at(2).first() != second.last());
+    }
+
+    // Images a listing adds during a shuffled round take random places in
+    // what is left of it; removed ones leave it; nothing shown repeats.
+    void shuffledRoundTakesInTheFoldersChanges()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QStringList paths = writeFiles(dir.path(),
+                                             {QStringLiteral("a.png"),
+                                              QStringLiteral("b.png"),
+                                              QStringLiteral("c.png"),
+                                              QStringLiteral("d.png"),
+                                              QStringLiteral("e.png"),
+                                              QStringLiteral("f.png")});
+        auto label = makeLabel();
+        SlideLabelAccess::seedShuffle(label.get(), 7);
+        label->setDir(dir.path(), false, Shuffle);
+        QVERIFY(waitForListing(*label));
+        QStringList shown{inspect(label).currentImage()};
+        label->setNext();
+        shown.append(inspect(label).currentImage());
+        // One not shown yet leaves, two come.
+        QString leaving;
+        for (const QString &path : paths) {
+            if (!shown.contains(path)) {
+                leaving = path;
+            }
+        }
+        QVERIFY(QFile::remove(leaving));
+        const QStringList joining = writeFiles(dir.path(), {QStringLiteral("g.png"), QStringLiteral("h.png")});
+        // The folder's watcher asks for a listing once the changes settle.
+        QTRY_VERIFY_WITH_TIMEOUT(inspect(label).files().contains(joining.last()) && !inspect(label).files().contains(leaving), 20000);
+        while (shown.size() < 7) {
+            label->setNext();
+            shown.append(inspect(label).currentImage());
+        }
+        QStringList expected = paths + joining;
+        expected.removeOne(leaving);
+        QCOMPARE(QSet<QString>(shown.cbegin(), shown.cend()), QSet<QString>(expected.cbegin(), expected.cend()));
+        QCOMPARE(shown.size(), expected.size());
     }
 
     void setDirJoinsTheDirectoryAndTheNames_data()

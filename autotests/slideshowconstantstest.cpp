@@ -33,18 +33,28 @@ private Q_SLOTS:
 
     void keysInOrder()
     {
+        // The two newer keys, whether subfolders are shown and in which
+        // order, come after the four older ones.
         const QList<QLatin1String> expected = {QLatin1String("ImageDirectory"),
                                                QLatin1String("Effect"),
                                                QLatin1String("AutoSwitch"),
-                                               QLatin1String("Position")};
+                                               QLatin1String("Position"),
+                                               QLatin1String("IncludeSubfolders"),
+                                               QLatin1String("Order")};
         QCOMPARE(slideShowKeys, expected);
     }
 
-    void defaultPropertyHoldsFourTypedEntries()
+    void defaultPropertyHoldsSixTypedEntries()
     {
-        QCOMPARE(slideShowDefaultProperty.size(), 4);
+        // Six entries since the show can include subfolders and shuffle.
+        QCOMPARE(slideShowDefaultProperty.size(), 6);
         QCOMPARE(slideShowDefaultProperty.keys(),
-                 QStringList({QStringLiteral("AutoSwitch"), QStringLiteral("Effect"), QStringLiteral("ImageDirectory"), QStringLiteral("Position")}));
+                 QStringList({QStringLiteral("AutoSwitch"),
+                              QStringLiteral("Effect"),
+                              QStringLiteral("ImageDirectory"),
+                              QStringLiteral("IncludeSubfolders"),
+                              QStringLiteral("Order"),
+                              QStringLiteral("Position")}));
 
         const QVariant directory = slideShowDefaultProperty.value(QStringLiteral("ImageDirectory"));
         QCOMPARE(directory.userType(), int(QMetaType::QString));
@@ -61,6 +71,16 @@ private Q_SLOTS:
         const QVariant position = slideShowDefaultProperty.value(QStringLiteral("Position"));
         QCOMPARE(position.userType(), int(QMetaType::Int));
         QCOMPARE(position.toInt(), 1);
+
+        // A host that knows only the four older keys gets one folder, in the
+        // order of the names.
+        const QVariant includeSubfolders = slideShowDefaultProperty.value(QStringLiteral("IncludeSubfolders"));
+        QCOMPARE(includeSubfolders.userType(), int(QMetaType::Bool));
+        QCOMPARE(includeSubfolders.toBool(), false);
+
+        const QVariant order = slideShowDefaultProperty.value(QStringLiteral("Order"));
+        QCOMPARE(order.userType(), int(QMetaType::Int));
+        QCOMPARE(order.toInt(), 0);
 
         for (const QLatin1String &key : slideShowKeys) {
             QVERIFY2(slideShowDefaultProperty.contains(key), key.data());

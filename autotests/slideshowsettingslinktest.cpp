@@ -42,6 +42,17 @@ const QString directoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
 const QString effectKey = QStringLiteral("Effect");
 const QString positionKey = QStringLiteral("Position");
+const QString includeSubfoldersKey = QStringLiteral("IncludeSubfolders");
+const QString orderKey = QStringLiteral("Order");
+
+// What the screensaver makes of a map of the four older keys: it adds the
+// defaults of the two newer ones, one folder in the order of the names.
+QVariantMap withNewerDefaults(QVariantMap map)
+{
+    map.insert(includeSubfoldersKey, false);
+    map.insert(orderKey, 0);
+    return map;
+}
 
 QString logText(const char *leading, const QVariantMap &map)
 {
@@ -123,10 +134,13 @@ private Q_SLOTS:
         {
             LogRecorder recorder;
             const QVariantMap committed = settingsMap(m_second, 5, 500, 1);
+            // The screensaver applies the commit merged with the defaults,
+            // which now include IncludeSubfolders and Order.
+            const QVariantMap applied = withNewerDefaults(committed);
             // The dialog's setProperty emits changed() unconditionally.
             static_cast<SlideShowSettingsWidget *>(first)->setProperty(committed);
-            QCOMPARE(recorder.count(logText("SlideShow set property:", committed)), 1);
-            QCOMPARE(screensaver->property(), committed);
+            QCOMPARE(recorder.count(logText("SlideShow set property:", applied)), 1);
+            QCOMPARE(screensaver->property(), applied);
         }
         TestUtils::setSlideShowDebugEnabled(false);
 
@@ -142,7 +156,11 @@ private Q_SLOTS:
     void settingWidgetIsLoadedWithSettingsInForce()
     {
         SlideShow screensaver;
-        screensaver.setProperty(settingsMap(m_second, 9, 2500, 2));
+        QVariantMap settings = settingsMap(m_second, 9, 2500, 2);
+        // The check box and the order box show the settings in force too.
+        settings.insert(includeSubfoldersKey, true);
+        settings.insert(orderKey, 1);
+        screensaver.setProperty(settings);
         auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
         QVERIFY(dialog);
         QCOMPARE(dialog->property(), screensaver.property());
@@ -152,6 +170,8 @@ private Q_SLOTS:
         QCOMPARE(c.autoSwitch->value(), 9);
         QCOMPARE(c.effect->currentText(), translated("Normal"));
         QCOMPARE(c.position->currentText(), translated("Tile"));
+        QVERIFY(c.includeSubfolders->isChecked());
+        QCOMPARE(c.order->currentText(), translated("Shuffle"));
     }
 
     void commitInDialogReachesScreensaver_data()
@@ -194,7 +214,8 @@ private Q_SLOTS:
         QVERIFY(!dialog->isVisible());
         QCOMPARE(changed.count(), 1);
 
-        const QVariantMap expected = partial ? settingsMap(m_second, 5, 5000, 1) : settingsMap(m_first, 9, 5000, 2);
+        // Merged with the defaults, the newer keys' included.
+        const QVariantMap expected = withNewerDefaults(partial ? settingsMap(m_second, 5, 5000, 1) : settingsMap(m_first, 9, 5000, 2));
         QCOMPARE(screensaver.property(), expected);
         QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), 5000);
         QCOMPARE(inspect(screensaver).switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
@@ -211,15 +232,50 @@ private Q_SLOTS:
         QCOMPARE(debug.count(logText("SlideShow Widget set property:", expected)), 1);
     }
 
+    void subfoldersAndOrderCommittedInDialogReachScreensaver()
+    {
+        SlideShow screensaver;
+        const QVariantMap inForce = withNewerDefaults(settingsMap(m_first, 9, 2500, 2));
+        screensaver.setProperty(inForce);
+        auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
+        QVERIFY(dialog);
+        QVERIFY(showDialog(dialog));
+        const Controls c = controlsOf(dialog);
+        QVERIFY(c.complete());
+        QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
+
+        toggleWithKeyboard(c.includeSubfolders);
+        QVERIFY(c.includeSubfolders->isChecked());
+        chooseWithKeyboard(c.order, 1);
+        QCOMPARE(c.order->currentText(), translated("Shuffle"));
+        QCOMPARE(screensaver.property(), inForce);
+
+        QTest::mouseClick(c.ok, Qt::LeftButton);
+        QVERIFY(!dialog->isVisible());
+        QCOMPARE(changed.count(), 1);
+        QVariantMap expected = inForce;
+        expected.insert(includeSubfoldersKey, true);
+        expected.insert(orderKey, 1);
+        QCOMPARE(screensaver.property(), expected);
+        QCOMPARE(screensaver.property().value(includeSubfoldersKey).userType(), int(QMetaType::Bool));
+        QCOMPARE(screensaver.property().value(orderKey).userType(), int(QMetaType::Int));
+        QCOMPARE(dialog->property(), expected);
+        QVERIFY(c.includeSubfolders->isChecked());
+        QCOMPARE(c.order->currentText(), translated("Shuffle"));
+    }
+
     void hostSetPropertyUpdatesDialogWithoutChanged_data()
     {
         QTest::addColumn<QVariantMap>("given");
         QTest::addColumn<QVariantMap>("merged");
         QTest::addColumn<QString>("effectText");
         QTest::addColumn<QString>("positionText");
-        QTest::newRow("full map") << settingsMap(m_second, 9, 2500, 2) << settingsMap(m_second, 9, 2500, 2) << translated("Normal") << translated("Tile");
-        QTest::newRow("effect only") << QVariantMap{{effectKey, 5000}} << settingsMap(QStringLiteral("/usr/share/wallpapers/slideshow/"), 5, 5000, 1)
-                                     << translated("Slow") << translated("Crop");
+        // The merged maps hold the defaults of IncludeSubfolders and Order too.
+        QTest::newRow("full map") << settingsMap(m_second, 9, 2500, 2) << withNewerDefaults(settingsMap(m_second, 9, 2500, 2)) << translated("Normal")
+                                  << translated("Tile");
+        QTest::newRow("effect only") << QVariantMap{{effectKey, 5000}}
+                                     << withNewerDefaults(settingsMap(QStringLiteral("/usr/share/wallpapers/slideshow/"), 5, 5000, 1)) << translated("Slow")
+                                     << translated("Crop");
     }
 
     void hostSetPropertyUpdatesDialogWithoutChanged()

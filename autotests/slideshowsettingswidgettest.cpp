@@ -11,6 +11,7 @@
 #include <KLocalizedString>
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDebug>
 #include <QDialogButtonBox>
@@ -50,6 +51,61 @@ const QString directoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
 const QString effectKey = QStringLiteral("Effect");
 const QString positionKey = QStringLiteral("Position");
+const QString includeSubfoldersKey = QStringLiteral("IncludeSubfolders");
+const QString orderKey = QStringLiteral("Order");
+
+// A map with all six keys: the four of settingsMap, then whether subfolders
+// are included and the order of the slides.
+QVariantMap fullSettingsMap(const QString &directory, int autoSwitch, int effect, int position, bool includeSubfolders, int order)
+{
+    QVariantMap map = settingsMap(directory, autoSwitch, effect, position);
+    map.insert(includeSubfoldersKey, includeSubfolders);
+    map.insert(orderKey, order);
+    return map;
+}
+
+// The choice tables and their boxes by the names that data rows use.
+QMap<QString, Data> choiceTable(const QString &name)
+{
+    if (name == QLatin1String("effects")) {
+        return effectsData();
+    }
+    if (name == QLatin1String("positions")) {
+        return positionsData();
+    }
+    return ordersData();
+}
+
+QComboBox *choiceBox(const Controls &c, const QString &name)
+{
+    if (name == QLatin1String("effects")) {
+        return c.effect;
+    }
+    if (name == QLatin1String("positions")) {
+        return c.position;
+    }
+    return c.order;
+}
+
+// Sets one setting through its control as a user does: the check box with
+// the space bar, a combo box with the keyboard, moved to the item that
+// carries the value. False when the control does not end up showing it.
+bool editAsUser(const Controls &c, const QString &key, const QVariant &value)
+{
+    if (key == includeSubfoldersKey) {
+        if (c.includeSubfolders->isChecked() != value.toBool()) {
+            toggleWithKeyboard(c.includeSubfolders);
+        }
+        return c.includeSubfolders->isChecked() == value.toBool();
+    }
+    QComboBox *box = key == effectKey ? c.effect : key == orderKey ? c.order : key == positionKey ? c.position : nullptr;
+    const int index = box ? box->findData(value) : -1;
+    if (index < 0) {
+        return false;
+    }
+    chooseWithKeyboard(box, index);
+    return box->currentIndex() == index;
+}
 
 // What the dialog writes into the log for a loaded map.
 QString loadedLogText(const QVariantMap &map)
@@ -262,25 +318,32 @@ private:
 private Q_SLOTS:
     void secondInitOfAComboBoxWarnsAndAddsNothing_data()
     {
-        QTest::addColumn<bool>("effects");
-        QTest::newRow("effects") << true;
-        QTest::newRow("positions") << false;
+        QTest::addColumn<QString>("table");
+        QTest::addColumn<int>("count");
+        QTest::newRow("effects") << QStringLiteral("effects") << 4;
+        // Five positions since the dialog also offers Fit.
+        QTest::newRow("positions") << QStringLiteral("positions") << 5;
+        // The order box, added later, is filled and guarded the same way.
+        QTest::newRow("orders") << QStringLiteral("orders") << 2;
     }
 
     void secondInitOfAComboBoxWarnsAndAddsNothing()
     {
-        // Both functions warn with the same text, the effect one included.
-        QFETCH(bool, effects);
+        // All three functions warn with the same text, the effect one included.
+        QFETCH(QString, table);
+        QFETCH(int, count);
         Dm::ScreenSaver::SlideShowSettingsWidget dialog;
         Dm::ScreenSaver::SlideShowSettingsWidget::Private *d = dialog.d.get();
-        QComboBox *existing = effects ? d->effectComboBox : d->alignmentComboBox;
+        const bool effects = table == QLatin1String("effects");
+        const bool positions = table == QLatin1String("positions");
+        QComboBox *existing = effects ? d->effectComboBox : positions ? d->alignmentComboBox : d->orderComboBox;
         QVERIFY(existing);
-        QCOMPARE(existing->count(), 4);
+        QCOMPARE(existing->count(), count);
 
         TestUtils::LogRecorder recorder;
-        QComboBox *again = effects ? d->initEffectsCheckBox() : d->initPositionsCheckBox();
+        QComboBox *again = effects ? d->initEffectsCheckBox() : positions ? d->initPositionsCheckBox() : d->initOrdersCheckBox();
         QCOMPARE(again, existing);
-        QCOMPARE(existing->count(), 4);
+        QCOMPARE(existing->count(), count);
         const QList<TestUtils::LogEntry> expected = {{QStringLiteral("default"), QtWarningMsg, QStringLiteral("alignmentComboBox is already")}};
         QCOMPARE(recorder.entries(), expected);
     }
@@ -349,7 +412,8 @@ private Q_SLOTS:
 
         auto *groupLayout = qobject_cast<QVBoxLayout *>(c.directoryGroup->layout());
         QVERIFY(groupLayout);
-        QCOMPARE(groupLayout->count(), 1);
+        // The row, and under it the check box for subfolders (tested below).
+        QCOMPARE(groupLayout->count(), 2);
         auto *row = qobject_cast<QHBoxLayout *>(groupLayout->itemAt(0)->layout());
         QVERIFY(row);
         QCOMPARE(row->count(), 2);
@@ -359,6 +423,22 @@ private Q_SLOTS:
         QCOMPARE(row->stretch(1), 1);
     }
 
+    void includeSubfoldersCheckBoxSitsUnderTheDirectoryRow()
+    {
+        SlideShowSettingsWidget dialog;
+        const Controls c = controlsOf(&dialog);
+        QVERIFY(c.complete());
+        QCOMPARE(dialog.d->includeSubfoldersCheckBox, c.includeSubfolders);
+        QCOMPARE(c.includeSubfolders->parentWidget(), c.directoryGroup);
+        QCOMPARE(c.includeSubfolders->text(), translated("Include subfolders"));
+        QVERIFY(!c.includeSubfolders->isTristate());
+        auto *groupLayout = qobject_cast<QVBoxLayout *>(c.directoryGroup->layout());
+        QVERIFY(groupLayout);
+        QCOMPARE(groupLayout->count(), 2);
+        QVERIFY(qobject_cast<QHBoxLayout *>(groupLayout->itemAt(0)->layout()));
+        QCOMPARE(groupLayout->itemAt(1)->widget(), c.includeSubfolders);
+    }
+
     void animationGridPlacesLabelsAndControls()
     {
         SlideShowSettingsWidget dialog;
@@ -366,7 +446,11 @@ private Q_SLOTS:
         QVERIFY(c.complete());
         auto *grid = qobject_cast<QGridLayout *>(c.animationGroup->layout());
         QVERIFY(grid);
-        QCOMPARE(grid->count(), 4);
+        // Six cells: the order of the slides has a third row, under the
+        // effect.
+        QCOMPARE(grid->count(), 6);
+        QCOMPARE(dialog.d->orderLabel, c.orderLabel);
+        QCOMPARE(dialog.d->orderComboBox, c.order);
 
         struct Cell {
             QWidget *widget;
@@ -378,6 +462,8 @@ private Q_SLOTS:
             {c.autoSwitch, 0, 1},
             {c.effectLabel, 1, 0},
             {c.effect, 1, 1},
+            {c.orderLabel, 2, 0},
+            {c.order, 2, 1},
         };
         for (const Cell &cell : cells) {
             const int index = grid->indexOf(cell.widget);
@@ -396,7 +482,9 @@ private Q_SLOTS:
         QCOMPARE(c.autoSwitchLabel->parentWidget(), c.animationGroup);
         QCOMPARE(c.autoSwitch->parentWidget(), c.animationGroup);
         QCOMPARE(c.effectLabel->parentWidget(), c.animationGroup);
+        QCOMPARE(c.orderLabel->parentWidget(), c.animationGroup);
         QCOMPARE(c.effectLabel->text(), translated("Effect"));
+        QCOMPARE(c.orderLabel->text(), translated("Order"));
         QCOMPARE(c.autoSwitchLabel->text(), translated("Auto-Switch Images"));
         // Only two columns hold widgets, but the stretch given to column 6
         // extends the grid to seven columns.
@@ -429,6 +517,7 @@ private Q_SLOTS:
         // them.
         QCOMPARE(c.position->parentWidget(), c.positionGroup);
         QCOMPARE(c.effect->parentWidget(), c.animationGroup);
+        QCOMPARE(c.order->parentWidget(), c.animationGroup);
     }
 
     void buttonBoxHasOkAndCancel()
@@ -451,9 +540,12 @@ private Q_SLOTS:
         QTest::newRow("effects") << QStringLiteral("effects")
                                  << QStringList{QStringLiteral("Fast"), QStringLiteral("None"), QStringLiteral("Normal"), QStringLiteral("Slow")}
                                  << QList<int>{500, 50, 2500, 5000};
-        QTest::newRow("positions") << QStringLiteral("positions")
-                                   << QStringList{QStringLiteral("Center"), QStringLiteral("Crop"), QStringLiteral("Stretch"), QStringLiteral("Tile")}
-                                   << QList<int>{3, 1, 0, 2};
+        // The dialog now also offers Fit, in its alphabetical place.
+        QTest::newRow("positions")
+            << QStringLiteral("positions")
+            << QStringList{QStringLiteral("Center"), QStringLiteral("Crop"), QStringLiteral("Fit"), QStringLiteral("Stretch"), QStringLiteral("Tile")}
+            << QList<int>{3, 1, 4, 0, 2};
+        QTest::newRow("orders") << QStringLiteral("orders") << QStringList{QStringLiteral("By name"), QStringLiteral("Shuffle")} << QList<int>{0, 1};
     }
 
     void choiceTablesHoldKeysAndValues()
@@ -461,7 +553,7 @@ private Q_SLOTS:
         QFETCH(QString, table);
         QFETCH(QStringList, keys);
         QFETCH(QList<int>, values);
-        const QMap<QString, Data> data = table == QLatin1String("effects") ? effectsData() : positionsData();
+        const QMap<QString, Data> data = choiceTable(table);
         QCOMPARE(data.keys(), keys);
         const QList<Data> items = data.values();
         QCOMPARE(items.size(), values.size());
@@ -476,6 +568,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("table");
         QTest::newRow("effects") << QStringLiteral("effects");
         QTest::newRow("positions") << QStringLiteral("positions");
+        QTest::newRow("orders") << QStringLiteral("orders");
     }
 
     void comboBoxItemsCarryTheTableValues()
@@ -484,9 +577,8 @@ private Q_SLOTS:
         SlideShowSettingsWidget dialog;
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
-        const bool effects = table == QLatin1String("effects");
-        QComboBox *box = effects ? c.effect : c.position;
-        const QList<Data> items = (effects ? effectsData() : positionsData()).values();
+        QComboBox *box = choiceBox(c, table);
+        const QList<Data> items = choiceTable(table).values();
         QCOMPARE(box->count(), items.size());
         QVERIFY(!box->isEditable());
         for (int i = 0; i < items.size(); ++i) {
@@ -550,6 +642,9 @@ private Q_SLOTS:
         QCOMPARE(c.effect->currentIndex(), 0);
         QCOMPARE(c.position->currentText(), translated("Center"));
         QCOMPARE(c.position->currentIndex(), 0);
+        QVERIFY(!c.includeSubfolders->isChecked());
+        QCOMPARE(c.order->currentText(), translated("By name"));
+        QCOMPARE(c.order->currentIndex(), 0);
         QVERIFY(dialog.property().isEmpty());
     }
 
@@ -559,8 +654,11 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("order");
         QTest::newRow("effects") << QStringLiteral("effects")
                                  << QStringList{QStringLiteral("Fast"), QStringLiteral("None"), QStringLiteral("Normal"), QStringLiteral("Slow")};
-        QTest::newRow("positions") << QStringLiteral("positions")
-                                   << QStringList{QStringLiteral("Center"), QStringLiteral("Crop"), QStringLiteral("Stretch"), QStringLiteral("Tile")};
+        // Fit comes in its alphabetical place, after Crop.
+        QTest::newRow("positions")
+            << QStringLiteral("positions")
+            << QStringList{QStringLiteral("Center"), QStringLiteral("Crop"), QStringLiteral("Fit"), QStringLiteral("Stretch"), QStringLiteral("Tile")};
+        QTest::newRow("orders") << QStringLiteral("orders") << QStringList{QStringLiteral("By name"), QStringLiteral("Shuffle")};
     }
 
     // The boxes list their items in the order of the tables' English keys;
@@ -573,11 +671,9 @@ private Q_SLOTS:
         SlideShowSettingsWidget dialog;
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
-        const bool effects = table == QLatin1String("effects");
-        const QMap<QString, Data> data = effects ? effectsData() : positionsData();
+        const QMap<QString, Data> data = choiceTable(table);
         QCOMPARE(data.keys(), order);
-        QComboBox *box = effects ? c.effect : c.position;
-        QCOMPARE(itemTexts(box), translatedKeys(data));
+        QCOMPARE(itemTexts(choiceBox(c, table)), translatedKeys(data));
     }
 
     void selectingNoneStoresFiftyNotZero()
@@ -688,11 +784,28 @@ private Q_SLOTS:
 
     // Loading and editing
 
+    void setSilentPropertyLoadsControlsWithoutChanged_data()
+    {
+        QTest::addColumn<QVariantMap>("map");
+        QTest::addColumn<bool>("includeSubfolders");
+        QTest::addColumn<QString>("orderText");
+        // A map of the four older keys: one folder, in the order of the names.
+        QTest::newRow("four keys") << settingsMap(m_first, 5, 500, 1) << false << translated("By name");
+        QTest::newRow("subfolders, shuffled") << fullSettingsMap(m_first, 5, 500, 1, true, 1) << true << translated("Shuffle");
+        // Values read back from a settings file arrive as text.
+        QVariantMap stored = settingsMap(m_first, 5, 500, 1);
+        stored.insert(includeSubfoldersKey, QStringLiteral("true"));
+        stored.insert(orderKey, QStringLiteral("1"));
+        QTest::newRow("subfolders, shuffled, as text") << stored << true << translated("Shuffle");
+    }
+
     void setSilentPropertyLoadsControlsWithoutChanged()
     {
+        QFETCH(QVariantMap, map);
+        QFETCH(bool, includeSubfolders);
+        QFETCH(QString, orderText);
         SlideShowSettingsWidget dialog;
         QSignalSpy changed(&dialog, &AbstractSettingDialog::changed);
-        const QVariantMap map = settingsMap(m_first, 5, 500, 1);
         dialog.setSilentProperty(map);
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
@@ -701,6 +814,8 @@ private Q_SLOTS:
         QCOMPARE(c.autoSwitch->text(), QStringLiteral("5") + translated(" sec"));
         QCOMPARE(c.effect->currentText(), translated("Fast"));
         QCOMPARE(c.position->currentText(), translated("Crop"));
+        QCOMPARE(c.includeSubfolders->isChecked(), includeSubfolders);
+        QCOMPARE(c.order->currentText(), orderText);
         QCOMPARE(dialog.property(), map);
         QCOMPARE(changed.count(), 0);
     }
@@ -727,22 +842,44 @@ private Q_SLOTS:
         QCOMPARE(dialog.property(), other);
     }
 
-    void unmatchedEffectKeepsPreviousItem()
+    void unmatchedChoiceKeepsPreviousItem_data()
     {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<int>("known");
+        QTest::addColumn<QString>("knownText");
+        QTest::addColumn<int>("unknown");
+        QTest::addColumn<int>("chosen");
+        QTest::addColumn<QString>("chosenText");
+        QTest::newRow("effect") << effectKey << 2500 << translated("Normal") << 1000 << 5000 << translated("Slow");
+        QTest::newRow("order") << orderKey << 1 << translated("Shuffle") << 7 << 0 << translated("By name");
+    }
+
+    void unmatchedChoiceKeepsPreviousItem()
+    {
+        QFETCH(QString, key);
+        QFETCH(int, known);
+        QFETCH(QString, knownText);
+        QFETCH(int, unknown);
+        QFETCH(int, chosen);
+        QFETCH(QString, chosenText);
         SlideShowSettingsWidget dialog;
-        dialog.setSilentProperty(settingsMap(m_first, 5, 2500, 1));
+        QVariantMap map = settingsMap(m_first, 5, 500, 1);
+        map.insert(key, known);
+        dialog.setSilentProperty(map);
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
-        QCOMPARE(c.effect->currentText(), translated("Normal"));
+        QComboBox *box = key == effectKey ? c.effect : c.order;
+        QCOMPARE(box->currentText(), knownText);
 
-        dialog.setSilentProperty(settingsMap(m_first, 5, 1000, 1));
-        QCOMPARE(c.effect->currentText(), translated("Normal"));
-        QCOMPARE(dialog.property().value(effectKey), QVariant(1000));
+        map.insert(key, unknown);
+        dialog.setSilentProperty(map);
+        QCOMPARE(box->currentText(), knownText);
+        QCOMPARE(dialog.property(), map);
 
         QVERIFY(showDialog(&dialog));
-        chooseWithKeyboard(c.effect, 3);
-        QCOMPARE(c.effect->currentText(), translated("Slow"));
-        QCOMPARE(dialog.property().value(effectKey), QVariant(5000));
+        QVERIFY(editAsUser(c, key, chosen));
+        QCOMPARE(box->currentText(), chosenText);
+        QCOMPARE(dialog.property().value(key), QVariant(chosen));
     }
 
     void autoSwitchZeroOrMissingShowsOne_data()
@@ -778,18 +915,31 @@ private Q_SLOTS:
 
     // OK and Cancel
 
-    void okAfterEffectEditClosesAndEmitsChanged()
+    void okAfterOneEditClosesAndEmitsChanged_data()
     {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QVariant>("value");
+        QTest::newRow("effect") << effectKey << QVariant(2500);
+        // The check box and the order box edit their keys as the other
+        // controls do, with a bool and an int.
+        QTest::newRow("include subfolders") << includeSubfoldersKey << QVariant(true);
+        QTest::newRow("order") << orderKey << QVariant(1);
+    }
+
+    void okAfterOneEditClosesAndEmitsChanged()
+    {
+        QFETCH(QString, key);
+        QFETCH(QVariant, value);
         SlideShowSettingsWidget dialog;
-        const QVariantMap loaded = settingsMap(m_first, 5, 500, 1);
+        // All six keys loaded, so that an edit of any of them is a change.
+        const QVariantMap loaded = fullSettingsMap(m_first, 5, 500, 1, false, 0);
         dialog.setSilentProperty(loaded);
         QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
         QSignalSpy changed(&dialog, &AbstractSettingDialog::changed);
 
-        chooseWithKeyboard(c.effect, 2);
-        QCOMPARE(c.effect->currentText(), translated("Normal"));
+        QVERIFY(editAsUser(c, key, value));
         QCOMPARE(changed.count(), 0);
         QTest::mouseClick(c.ok, Qt::LeftButton);
 
@@ -797,8 +947,9 @@ private Q_SLOTS:
         QCOMPARE(dialog.result(), int(QDialog::Accepted));
         QCOMPARE(changed.count(), 1);
         QVariantMap expected = loaded;
-        expected.insert(effectKey, 2500);
+        expected.insert(key, value);
         QCOMPARE(dialog.property(), expected);
+        QCOMPARE(dialog.property().value(key).userType(), value.userType());
     }
 
     void okWithoutEditsClosesWithoutChanged()
@@ -821,7 +972,8 @@ private Q_SLOTS:
     void cancelRestoresLoadedValuesWithoutChanged()
     {
         SlideShowSettingsWidget dialog;
-        const QVariantMap loaded = settingsMap(m_first, 5, 500, 1);
+        // With the check box and the order box edited as well.
+        const QVariantMap loaded = fullSettingsMap(m_first, 5, 500, 1, false, 0);
         dialog.setSilentProperty(loaded);
         QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
@@ -833,8 +985,11 @@ private Q_SLOTS:
         QTest::keyClick(c.autoSwitch, Qt::Key_Up);
         QTest::keyClick(c.autoSwitch, Qt::Key_Up);
         chooseWithKeyboard(c.effect, 3);
-        chooseWithKeyboard(c.position, 3);
-        QCOMPARE(dialog.property(), settingsMap(m_second, 7, 5000, 2));
+        // Tile, the fifth item now that Fit comes before it.
+        chooseWithKeyboard(c.position, 4);
+        toggleWithKeyboard(c.includeSubfolders);
+        chooseWithKeyboard(c.order, 1);
+        QCOMPARE(dialog.property(), fullSettingsMap(m_second, 7, 5000, 2, true, 1));
 
         QTest::mouseClick(c.cancel, Qt::LeftButton);
         QVERIFY(!dialog.isVisible());
@@ -844,6 +999,8 @@ private Q_SLOTS:
         QCOMPARE(c.autoSwitch->value(), 5);
         QCOMPARE(c.effect->currentText(), translated("Fast"));
         QCOMPARE(c.position->currentText(), translated("Crop"));
+        QVERIFY(!c.includeSubfolders->isChecked());
+        QCOMPARE(c.order->currentText(), translated("By name"));
         QCOMPARE(dialog.property(), loaded);
     }
 
@@ -963,25 +1120,39 @@ private Q_SLOTS:
         QVERIFY(directory.toString().isEmpty());
     }
 
-    void effectChosenWithoutLoadedEffectIsNoChangeOnOk()
+    void editWithoutLoadedKeyIsNoChangeOnOk_data()
     {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QVariant>("value");
+        QTest::newRow("effect") << effectKey << QVariant(5000);
+        // A map of the four older keys lacks these two: the check box and the
+        // order box add them when touched.
+        QTest::newRow("include subfolders") << includeSubfoldersKey << QVariant(true);
+        QTest::newRow("order") << orderKey << QVariant(1);
+    }
+
+    void editWithoutLoadedKeyIsNoChangeOnOk()
+    {
+        QFETCH(QString, key);
+        QFETCH(QVariant, value);
         SlideShowSettingsWidget dialog;
         QVariantMap loaded = settingsMap(m_first, 5, 500, 1);
-        loaded.remove(effectKey);
+        loaded.remove(key);
         dialog.setSilentProperty(loaded);
         QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
         QSignalSpy changed(&dialog, &AbstractSettingDialog::changed);
 
-        chooseWithKeyboard(c.effect, 3);
-        QCOMPARE(dialog.property().value(effectKey), QVariant(5000));
+        QVERIFY(editAsUser(c, key, value));
+        QCOMPARE(dialog.property().value(key), value);
+        QCOMPARE(dialog.property().value(key).userType(), value.userType());
         QTest::mouseClick(c.ok, Qt::LeftButton);
         QVERIFY(!dialog.isVisible());
         QCOMPARE(dialog.result(), int(QDialog::Accepted));
         QCOMPARE(changed.count(), 0);
         QVariantMap expected = loaded;
-        expected.insert(effectKey, 5000);
+        expected.insert(key, value);
         QCOMPARE(dialog.property(), expected);
     }
 

@@ -43,9 +43,13 @@ const QString imageDirectoryKey = QStringLiteral("ImageDirectory");
 const QString effectKey = QStringLiteral("Effect");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
 const QString positionKey = QStringLiteral("Position");
+const QString subfoldersKey = QStringLiteral("IncludeSubfolders");
+const QString orderKey = QStringLiteral("Order");
 const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
 
-// The defaults, written out here rather than taken from the code under test.
+// The defaults, written out here rather than taken from the code under test:
+// the first four settings, and the two that came later (one folder, in the
+// order of the names), which default to the show the first four give.
 QVariantMap expectedDefaults()
 {
     return QVariantMap{
@@ -53,6 +57,8 @@ QVariantMap expectedDefaults()
         {effectKey, 500},
         {autoSwitchKey, 5},
         {positionKey, 1},
+        {subfoldersKey, false},
+        {orderKey, 0},
     };
 }
 
@@ -226,16 +232,18 @@ private Q_SLOTS:
         QCOMPARE(name, QStringLiteral("SlideShow"));
     }
 
-    void defaultPropertyHoldsFourTypedEntries()
+    void defaultPropertyHoldsSixTypedEntries()
     {
         SlideShow show;
         const QVariantMap &defaults = show.defaultProperty();
         QCOMPARE(defaults, expectedDefaults());
-        QCOMPARE(defaults.size(), 4);
+        QCOMPARE(defaults.size(), 6);
         QCOMPARE(defaults.value(imageDirectoryKey).userType(), int(QMetaType::QString));
         QCOMPARE(defaults.value(effectKey).userType(), int(QMetaType::Int));
         QCOMPARE(defaults.value(autoSwitchKey).userType(), int(QMetaType::Int));
         QCOMPARE(defaults.value(positionKey).userType(), int(QMetaType::Int));
+        QCOMPARE(defaults.value(subfoldersKey).userType(), int(QMetaType::Bool));
+        QCOMPARE(defaults.value(orderKey).userType(), int(QMetaType::Int));
         // Changing the settings leaves the defaults alone.
         show.setProperty(fastSettings(200));
         QCOMPARE(show.defaultProperty(), expectedDefaults());
@@ -281,7 +289,7 @@ private Q_SLOTS:
 
         // Unknown keys beside known ones are dropped too.
         show.setProperty(QVariantMap{{effectKey, 250}, {QStringLiteral("ShowLock"), QStringLiteral("datetime")}, {QStringLiteral("effect"), 1}});
-        QCOMPARE(show.property().size(), 4);
+        QCOMPARE(show.property().size(), 6);
         QCOMPARE(show.property().keys(), expectedDefaults().keys());
         QCOMPARE(show.property().value(effectKey), QVariant(250));
         QCOMPARE(inspect(show).fadeAnimation()->duration(), 250);
@@ -309,7 +317,7 @@ private Q_SLOTS:
 
         SlideShow show;
         show.setProperty(QVariantMap{{key, value}});
-        QCOMPARE(show.property().size(), 4);
+        QCOMPARE(show.property().size(), 6);
         QCOMPARE(show.property().value(key), value);
         QCOMPARE(show.property().value(key).userType(), value.userType());
         QCOMPARE(inspect(show).switchTimer().interval(), interval);
@@ -457,6 +465,48 @@ private Q_SLOTS:
                  QStringList{QStringLiteral("\"SlideLabel: The specified directory () does not exist or does not contain image files.\"")});
     }
 
+    void folderSubfoldersAndOrderApplyTogether_data()
+    {
+        QTest::addColumn<QVariant>("subfolders");
+        QTest::addColumn<QVariant>("order");
+        QTest::addColumn<bool>("expectedSubfolders");
+        QTest::addColumn<int>("expectedOrder");
+        QTest::newRow("the defaults") << QVariant() << QVariant() << false << int(ByName);
+        QTest::newRow("subfolders, shuffled") << QVariant(true) << QVariant(1) << true << int(Shuffle);
+        // Converted as a settings file gives them, text; an unknown order is
+        // by name.
+        QTest::newRow("as text") << QVariant(QStringLiteral("true")) << QVariant(QStringLiteral("1")) << true << int(Shuffle);
+        QTest::newRow("an unknown order") << QVariant(false) << QVariant(7) << false << int(ByName);
+    }
+
+    // The folder, its subfolders and the order take effect together, with
+    // one listing for each setProperty.
+    void folderSubfoldersAndOrderApplyTogether()
+    {
+        QFETCH(QVariant, subfolders);
+        QFETCH(QVariant, order);
+        QFETCH(bool, expectedSubfolders);
+        QFETCH(int, expectedOrder);
+        SlideShow show;
+        QVERIFY(listed(show));
+        TestUtils::setSlideShowDebugEnabled(true);
+        m_recorder->clear();
+        QVariantMap settings{{imageDirectoryKey, m_images.path()}};
+        if (subfolders.isValid()) {
+            settings.insert(subfoldersKey, subfolders);
+        }
+        if (order.isValid()) {
+            settings.insert(orderKey, order);
+        }
+        show.setProperty(settings);
+        QVERIFY(listed(show));
+        SlideLabel *label = inspect(show).slideLabel();
+        QCOMPARE(inspect(label).includesSubfolders(), expectedSubfolders);
+        QCOMPARE(int(inspect(label).showOrder()), expectedOrder);
+        QCOMPARE(m_recorder->count(QStringLiteral("SlideLabel: Directory listed, images: 3")), 1);
+        QCOMPARE(show.property().value(subfoldersKey), subfolders.isValid() ? subfolders : QVariant(false));
+    }
+
     void updatePropertyDebugLineShowsTheMap()
     {
         TestUtils::setSlideShowDebugEnabled(true);
@@ -467,6 +517,9 @@ private Q_SLOTS:
         show.setProperty(settings);
         QVariantMap merged = settings;
         merged.insert(positionKey, 1);
+        // The two later keys at their defaults, in the line like the others.
+        merged.insert(subfoldersKey, false);
+        merged.insert(orderKey, 0);
 
         const QStringList lines = propertyDebugLines(*m_recorder);
         QCOMPARE(lines, QStringList{debugText(merged)});
@@ -479,9 +532,11 @@ private Q_SLOTS:
     {
         TestUtils::setSlideShowDebugEnabled(true);
         SlideShow show;
+        // Six keys now: the subfolders and the order came later.
         const QString literal = QStringLiteral(
             "SlideShow set property: QMap((\"AutoSwitch\", QVariant(int, 5))(\"Effect\", QVariant(int, 500))"
-            "(\"ImageDirectory\", QVariant(QString, \"/usr/share/wallpapers/slideshow/\"))(\"Position\", QVariant(int, 1)))");
+            "(\"ImageDirectory\", QVariant(QString, \"/usr/share/wallpapers/slideshow/\"))(\"IncludeSubfolders\", QVariant(bool, false))"
+            "(\"Order\", QVariant(int, 0))(\"Position\", QVariant(int, 1)))");
         QCOMPARE(propertyDebugLines(*m_recorder), QStringList{literal});
         QCOMPARE(debugText(expectedDefaults()), literal);
     }

@@ -14,6 +14,7 @@
 
 #include <KLocalizedString>
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFileInfo>
@@ -28,6 +29,8 @@
 #include <clocale>
 
 using namespace Dm::ScreenSaver;
+using DialogTest::Controls;
+using DialogTest::controlsOf;
 using DialogTest::itemTexts;
 
 class TranslationTest : public QObject
@@ -74,6 +77,9 @@ private Q_SLOTS:
         }
         QVERIFY(labels.contains(QStringLiteral("Автосмена изображений")));
         QVERIFY(labels.contains(QStringLiteral("Эффект")));
+        // The texts of the check box for subfolders and of the order's caption.
+        QVERIFY(labels.contains(QStringLiteral("Порядок")));
+        QCOMPARE(dialog.findChild<QCheckBox *>()->text(), QStringLiteral("Включать подпапки"));
         QCOMPARE(dialog.findChild<QSpinBox *>()->suffix(), QStringLiteral(" с"));
 
         QStringList buttons;
@@ -87,22 +93,37 @@ private Q_SLOTS:
     void choicesKeepTheOrderOfTheEnglishKeys()
     {
         SlideShowSettingsWidget dialog;
-        const QList<QComboBox *> boxes = dialog.findChildren<QComboBox *>();
-        QCOMPARE(boxes.size(), 2);
-        // Fast, None, Normal, Slow and Center, Crop, Stretch, Tile: sorted as
-        // Russian words they would come out differently.
+        // Three boxes since the order of the slides has one of its own; each
+        // is found by its Russian texts.
+        QCOMPARE(dialog.findChildren<QComboBox *>().size(), 3);
+        const Controls c = controlsOf(&dialog);
+        QVERIFY(c.complete());
+        // Fast, None, Normal, Slow; Center, Crop, Fit, Stretch, Tile (Fit
+        // added in its English place); By name, Shuffle: sorted as Russian
+        // words they would come out differently.
         const QStringList effects = {QStringLiteral("Быстро"), QStringLiteral("Нет"), QStringLiteral("Обычно"), QStringLiteral("Медленно")};
-        const QStringList positions = {QStringLiteral("По центру"), QStringLiteral("Обрезать"), QStringLiteral("Растянуть"), QStringLiteral("Мозаика")};
-        QCOMPARE(itemTexts(boxes.at(0)), effects);
-        QCOMPARE(itemTexts(boxes.at(1)), positions);
-        QStringList sortedEffects = effects;
-        sortedEffects.sort();
-        QVERIFY(sortedEffects != effects);
+        const QStringList positions = {QStringLiteral("По центру"),
+                                       QStringLiteral("Обрезать"),
+                                       QStringLiteral("Вписать"),
+                                       QStringLiteral("Растянуть"),
+                                       QStringLiteral("Мозаика")};
+        const QStringList orders = {QStringLiteral("По имени"), QStringLiteral("Вперемешку")};
+        QCOMPARE(itemTexts(c.effect), effects);
+        QCOMPARE(itemTexts(c.position), positions);
+        QCOMPARE(itemTexts(c.order), orders);
+        for (const QStringList &texts : {effects, positions, orders}) {
+            QStringList sorted = texts;
+            sorted.sort();
+            QVERIFY(sorted != texts);
+        }
 
-        QCOMPARE(boxes.at(0)->itemData(1).toInt(), 50);
-        QCOMPARE(boxes.at(1)->itemData(0).toInt(), 3);
+        QCOMPARE(c.effect->itemData(1).toInt(), 50);
+        QCOMPARE(c.position->itemData(0).toInt(), 3);
+        QCOMPARE(c.position->itemData(2).toInt(), 4);
+        QCOMPARE(c.order->itemData(1).toInt(), 1);
         QCOMPARE(effectsData().value(QStringLiteral("Slow")).text, QStringLiteral("Медленно"));
         QCOMPARE(positionsData().value(QStringLiteral("Tile")).text, QStringLiteral("Мозаика"));
+        QCOMPARE(ordersData().value(QStringLiteral("Shuffle")).text, QStringLiteral("Вперемешку"));
     }
 
     void fallbackTextIsRussian()

@@ -350,6 +350,8 @@ const char *modeName(Position mode)
         return "Tile";
     case Dm::ScreenSaver::Center:
         return "Center";
+    case Dm::ScreenSaver::Fit:
+        return "Fit";
     }
     return "?";
 }
@@ -386,6 +388,8 @@ QPixmap fullDecodeResult(const ImageCacheWorker &worker, const QString &path, co
         return worker.tile(path, target, 1.0);
     case Dm::ScreenSaver::Center:
         return worker.center(path, target, 1.0);
+    case Dm::ScreenSaver::Fit:
+        return worker.fit(path, target, 1.0);
     }
     return QPixmap();
 }

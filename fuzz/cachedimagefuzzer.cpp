@@ -15,6 +15,7 @@
 #include <QFile>
 #include <QGuiApplication>
 #include <QImage>
+#include <QImageWriter>
 #include <QLoggingCategory>
 #include <QPainter>
 #include <QPixmap>
@@ -43,14 +44,19 @@ void writeSeeds(const QString &dir)
         painter.setBrush(QColor(200, 30, 40, 180));
         painter.drawEllipse(QRect(2, 2, 30, 18));
     }
-    const char *formats[] = {"PNG", "JPG", "BMP", "XPM", "PBM", "PPM", "PGM", "XBM"};
+    // Today's formats too, where this machine's image plug-ins write them.
+    const char *formats[] = {"PNG", "JPG", "BMP", "XPM", "PBM", "PPM", "PGM", "XBM", "WEBP", "TIFF", "HEIC", "AVIF", "JXL"};
+    const QList<QByteArray> writable = QImageWriter::supportedImageFormats();
     int n = 0;
-    for (int format = 0; format < 8; ++format) {
+    for (int format = 0; format < int(sizeof(formats) / sizeof(formats[0])); ++format) {
+        if (!writable.contains(QByteArray(formats[format]).toLower())) {
+            continue;
+        }
         QByteArray bytes;
         QBuffer buffer(&bytes);
         buffer.open(QIODevice::WriteOnly);
         image.save(&buffer, formats[format]);
-        for (int mode = 0; mode < 4; ++mode) {
+        for (int mode = 0; mode < 5; ++mode) {
             QFile seed(QDir(dir).filePath(QStringLiteral("seed-%1").arg(++n)));
             if (seed.open(QIODevice::WriteOnly)) {
                 const char selector[2] = {char(mode), char(format * 16 + (mode % 4) * 4 + mode % 4)};
@@ -94,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     // The first two bytes choose the mode, the target size and the ratio;
     // the rest is the file.
-    const int mode = data[0] % 5; // 4 is an unknown mode, stretched with a warning
+    const int mode = data[0] % 6; // 5 is an unknown mode, stretched with a warning
     const QSize sizes[] = {QSize(129, 129), QSize(320, 200), QSize(200, 480), QSize(640, 360)};
     const QSize target = sizes[data[1] % 4];
     const double ratios[] = {1.0, 2.0, 1.5, 3.0};

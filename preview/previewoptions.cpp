@@ -37,13 +37,17 @@ bool parseInt(const QString &text, int minimum, int *value)
 
 bool parsePosition(const QString &text, int *position)
 {
-    static const QStringList names = {QStringLiteral("stretch"), QStringLiteral("crop"), QStringLiteral("tile"), QStringLiteral("center")};
+    static const QStringList names = {QStringLiteral("stretch"),
+                                      QStringLiteral("crop"),
+                                      QStringLiteral("tile"),
+                                      QStringLiteral("center"),
+                                      QStringLiteral("fit")};
     const int index = names.indexOf(text.toLower());
     if (index >= 0) {
         *position = index;
         return true;
     }
-    return parseInt(text, 0, position) && *position <= 3;
+    return parseInt(text, 0, position) && *position <= 4;
 }
 
 bool parsePreviewOptions(const QStringList &arguments, PreviewOptions *options, QString *error)
@@ -67,7 +71,7 @@ bool parsePreviewOptions(const QStringList &arguments, PreviewOptions *options, 
     const QCommandLineOption interval(QStringLiteral("interval"), QStringLiteral("Seconds per slide (AutoSwitch)."), QStringLiteral("seconds"));
     const QCommandLineOption effect(QStringLiteral("effect"), QStringLiteral("Fade duration in milliseconds (Effect)."), QStringLiteral("ms"));
     const QCommandLineOption position(QStringLiteral("position"),
-                                      QStringLiteral("Fitting mode (Position): Stretch, Crop, Tile, Center or 0 to 3."),
+                                      QStringLiteral("Fitting mode (Position): Stretch, Crop, Tile, Center, Fit or 0 to 4."),
                                       QStringLiteral("mode"));
     const QCommandLineOption set(QStringLiteral("set"), QStringLiteral("Set any setting KEY to VALUE (repeatable)."), QStringLiteral("KEY=VALUE"));
     const QCommandLineOption configure(QStringLiteral("configure"), QStringLiteral("Open the screensaver's settings dialog and store what it commits."));
@@ -133,7 +137,7 @@ bool parsePreviewOptions(const QStringList &arguments, PreviewOptions *options, 
     if (parser.isSet(position)) {
         int mode = 0;
         if (!parsePosition(parser.value(position), &mode)) {
-            *error = QStringLiteral("--position takes Stretch, Crop, Tile, Center or 0 to 3, not \"%1\"").arg(parser.value(position));
+            *error = QStringLiteral("--position takes Stretch, Crop, Tile, Center, Fit or 0 to 4, not \"%1\"").arg(parser.value(position));
             return false;
         }
         options->overrides.insert(QStringLiteral("Position"), mode);

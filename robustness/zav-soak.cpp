@@ -239,7 +239,7 @@ int main(int argc, char **argv)
             }
             if (n % 1000 == 500) {
                 // A new fitting mode through the settings: a rescan too.
-                position = (position + 1) % 4;
+                position = (position + 1) % 5;
                 show->setProperty(settings(1 + int(random.bounded(10))));
             }
         }

@@ -144,6 +144,7 @@ public:
     QPixmap crop(const QString &path, const QSize &size, double devicePixelRatio) const;
     QPixmap tile(const QString &path, const QSize &size, double devicePixelRatio) const;
     QPixmap center(const QString &path, const QSize &size, double devicePixelRatio) const;
+    QPixmap fit(const QString &path, const QSize &size, double devicePixelRatio) const;
 
     // The same on an image already loaded, so that cachedImage decodes each
     // file once.
@@ -151,6 +152,7 @@ public:
     QPixmap crop(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
     QPixmap tile(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
     QPixmap center(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
+    QPixmap fit(const QPixmap &loaded, const QSize &size, double devicePixelRatio) const;
 
 Q_SIGNALS:
     // generation is that of the request (see clearAllCacheData).

@@ -19,6 +19,7 @@ enum Position : int {
     Crop = 1, // scaled to cover the target, the overflow cut evenly
     Tile = 2, // unscaled, repeated from the top-left corner
     Center = 3, // unscaled, in the middle of a black canvas
+    Fit = 4, // whole, as large as fits, over a blurred and darkened fill of itself
 };
 }
 }

@@ -30,13 +30,19 @@ static const QList<QLatin1String> slideShowKeys = {
     QLatin1String("Effect"),
     QLatin1String("AutoSwitch"),
     QLatin1String("Position"),
+    QLatin1String("IncludeSubfolders"),
+    QLatin1String("Order"),
 };
 
+// A host that passes only the first four keys gets the show it always had:
+// the new ones default to one folder, in the order of the names.
 static const QVariantMap slideShowDefaultProperty = {
     {QStringLiteral("ImageDirectory"), QStringLiteral("/usr/share/wallpapers/slideshow/")},
     {QStringLiteral("Effect"), 500},
     {QStringLiteral("AutoSwitch"), 5},
     {QStringLiteral("Position"), 1},
+    {QStringLiteral("IncludeSubfolders"), false},
+    {QStringLiteral("Order"), 0},
 };
 
 #endif // ZAV_SLIDESHOWCONSTANTS_H

@@ -10,6 +10,7 @@
 
 #include <KLocalizedString>
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDebug>
 #include <QDialogButtonBox>
@@ -42,6 +43,8 @@ const QString imageDirectoryKey = QStringLiteral("ImageDirectory");
 const QString autoSwitchKey = QStringLiteral("AutoSwitch");
 const QString effectKey = QStringLiteral("Effect");
 const QString positionKey = QStringLiteral("Position");
+const QString includeSubfoldersKey = QStringLiteral("IncludeSubfolders");
+const QString orderKey = QStringLiteral("Order");
 }
 
 QMap<QString, Data> effectsData()
@@ -62,6 +65,15 @@ QMap<QString, Data> positionsData()
         {QStringLiteral("Crop"), Data{translated("Crop"), 1}},
         {QStringLiteral("Tile"), Data{translated("Tile"), 2}},
         {QStringLiteral("Center"), Data{translated("Center"), 3}},
+        {QStringLiteral("Fit"), Data{translated("Fit"), 4}},
+    };
+}
+
+QMap<QString, Data> ordersData()
+{
+    return {
+        {QStringLiteral("By name"), Data{translated("By name"), 0}},
+        {QStringLiteral("Shuffle"), Data{translated("Shuffle"), 1}},
     };
 }
 
@@ -91,6 +103,11 @@ QComboBox *SlideShowSettingsWidget::Private::initPositionsCheckBox()
     return fillComboBox(alignmentComboBox, positionsData());
 }
 
+QComboBox *SlideShowSettingsWidget::Private::initOrdersCheckBox()
+{
+    return fillComboBox(orderComboBox, ordersData());
+}
+
 SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
     : AbstractSettingDialog(parent)
     , d(new Private)
@@ -112,6 +129,8 @@ SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
     directoryRow->setStretch(0, 6);
     directoryRow->setStretch(1, 1);
     directoryGroupLayout->addLayout(directoryRow);
+    d->includeSubfoldersCheckBox = new QCheckBox(translated("Include subfolders"), directoryGroup);
+    directoryGroupLayout->addWidget(d->includeSubfoldersCheckBox);
     mainLayout->addWidget(directoryGroup);
 
     auto *animationGroup = new QGroupBox(translated("Animation"), this);
@@ -126,6 +145,9 @@ SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
     d->effectLabel = new QLabel(translated("Effect"), animationGroup);
     animationLayout->addWidget(d->effectLabel, 1, 0, 1, 1);
     animationLayout->addWidget(d->initEffectsCheckBox(), 1, 1, 1, 1);
+    d->orderLabel = new QLabel(translated("Order"), animationGroup);
+    animationLayout->addWidget(d->orderLabel, 2, 0, 1, 1);
+    animationLayout->addWidget(d->initOrdersCheckBox(), 2, 1, 1, 1);
     animationLayout->setColumnStretch(6, 0);
     mainLayout->addWidget(animationGroup);
 
@@ -140,14 +162,22 @@ SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
     buttonBox->setStandardButtons(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
     mainLayout->addWidget(buttonBox);
 
-    // Made after the controls were filled, so their initial text and first
-    // items never reach editedProperty.
+    // Made after the controls were filled, so their initial text, state and
+    // first items never reach editedProperty.
     connect(buttonBox, &QDialogButtonBox::accepted, this, &QDialog::accept);
     connect(buttonBox, &QDialogButtonBox::rejected, this, &QDialog::reject);
     connect(d->openButton, &QPushButton::clicked, this, &SlideShowSettingsWidget::selectImageDirectory);
     connect(d->directoryLineEdit, &QLineEdit::textChanged, this, [this](const QString &text) {
         d->editedProperty[imageDirectoryKey] = text;
     });
+    connect(
+        d->includeSubfoldersCheckBox,
+        &QCheckBox::toggled,
+        d->includeSubfoldersCheckBox,
+        [this](bool checked) {
+            d->editedProperty[includeSubfoldersKey] = checked;
+        },
+        Qt::DirectConnection);
     connect(
         d->autoSwitchSpinBox,
         QOverload<int>::of(&QSpinBox::valueChanged),
@@ -162,6 +192,14 @@ SlideShowSettingsWidget::SlideShowSettingsWidget(QWidget *parent)
         d->effectComboBox,
         [this](int) {
             d->editedProperty[effectKey] = d->effectComboBox->currentData(Qt::UserRole);
+        },
+        Qt::DirectConnection);
+    connect(
+        d->orderComboBox,
+        QOverload<int>::of(&QComboBox::currentIndexChanged),
+        d->orderComboBox,
+        [this](int) {
+            d->editedProperty[orderKey] = d->orderComboBox->currentData(Qt::UserRole);
         },
         Qt::DirectConnection);
     connect(
@@ -185,12 +223,20 @@ void SlideShowSettingsWidget::setSilentProperty(QMap<QString, QVariant> property
     // replaced wholesale at the end, so it ends up equal to the given map,
     // including values that match no choice and keys without a control.
     d->directoryLineEdit->setText(d->savedProperty.value(imageDirectoryKey).toString());
+    d->includeSubfoldersCheckBox->setChecked(d->savedProperty.value(includeSubfoldersKey).toBool());
     d->autoSwitchSpinBox->setValue(d->savedProperty.value(autoSwitchKey).toInt());
 
     const int effect = d->savedProperty.value(effectKey).toInt();
     for (const Data &item : effectsData()) {
         if (item.value == effect) {
             d->effectComboBox->setCurrentText(item.text);
+            break;
+        }
+    }
+    const int order = d->savedProperty.value(orderKey).toInt();
+    for (const Data &item : ordersData()) {
+        if (item.value == order) {
+            d->orderComboBox->setCurrentText(item.text);
             break;
         }
     }

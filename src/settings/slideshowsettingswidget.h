@@ -32,10 +32,12 @@ struct Data {
 // language.
 QMap<QString, Data> effectsData();
 QMap<QString, Data> positionsData();
+QMap<QString, Data> ordersData();
 
-// The settings dialog: edits the directory, the interval, the fade and the
-// fitting mode. Edits are recorded as they happen and read back by the owner
-// through property() once the dialog reports changed().
+// The settings dialog: edits the directory (with or without its subfolders),
+// the interval, the fade, the order of the slides and the fitting mode.
+// Edits are recorded as they happen and read back by the owner through
+// property() once the dialog reports changed().
 class SlideShowSettingsWidget : public AbstractSettingDialog
 {
     Q_OBJECT

@@ -15,6 +15,7 @@
 #include <QString>
 #include <QVariant>
 
+class QCheckBox;
 class QComboBox;
 class QLabel;
 class QLineEdit;
@@ -30,13 +31,17 @@ class SlideShowSettingsWidget::Private
 public:
     QComboBox *initEffectsCheckBox();
     QComboBox *initPositionsCheckBox();
+    QComboBox *initOrdersCheckBox();
 
     QLineEdit *directoryLineEdit = nullptr;
     QPushButton *openButton = nullptr;
+    QCheckBox *includeSubfoldersCheckBox = nullptr;
     QLabel *autoSwitchLabel = nullptr;
     QSpinBox *autoSwitchSpinBox = nullptr;
     QLabel *effectLabel = nullptr;
     QComboBox *effectComboBox = nullptr;
+    QLabel *orderLabel = nullptr;
+    QComboBox *orderComboBox = nullptr;
     QComboBox *alignmentComboBox = nullptr;
     // What was last loaded (plus a directory picked with Open): what Cancel
     // restores and what OK compares against.

@@ -190,13 +190,19 @@ SlideFolder::~SlideFolder()
     }
 }
 
-void SlideFolder::setFolder(const QString &folder)
+QString SlideFolder::listingKey() const
+{
+    return (m_options.includeSubfolders ? QStringLiteral("tree:") : QStringLiteral("folder:")) + m_folder;
+}
+
+void SlideFolder::setFolder(const QString &folder, const ListingOptions &options)
 {
     m_folder = folder;
+    m_options = options;
     m_base.reset();
     m_relistTimer.stop();
     watch(QString(), QStringList());
-    const auto running = m_running.constFind(folder);
+    const auto running = m_running.constFind(listingKey());
     if (running != m_running.constEnd()) {
         // Its result is this folder's listing as well as any.
         m_awaited = *running;
@@ -207,7 +213,7 @@ void SlideFolder::setFolder(const QString &folder)
 
 void SlideFolder::relist()
 {
-    if (m_folder.isNull() || m_running.contains(m_folder)) {
+    if (m_folder.isNull() || m_running.contains(listingKey())) {
         return;
     }
     startListing();
@@ -221,22 +227,24 @@ bool SlideFolder::isListing() const
 void SlideFolder::startListing()
 {
     const quint64 request = ++m_lastRequest;
-    m_running.insert(m_folder, request);
+    const QString key = listingKey();
+    m_running.insert(key, request);
     m_awaited = request;
     ++s_runningThreads;
     // Detached: whatever the file system does, nobody waits for it.
-    std::thread([channel = m_channel, request, folder = m_folder, base = m_base]() {
-        const QSharedPointer<FolderListing> listing = listImageFolder(folder, base);
-        Channel::post(channel, [request, folder, listing](SlideFolder *target) {
-            target->take(request, folder, listing);
+    std::thread([channel = m_channel, request, key, folder = m_folder, options = m_options, base = m_base]() {
+        const QSharedPointer<FolderListing> listing = listImageFolder(folder, options, base);
+        Channel::post(channel, [request, key, listing](SlideFolder *target) {
+            target->take(request, key, listing);
         });
         --s_runningThreads;
     }).detach();
 }
 
-void SlideFolder::take(quint64 request, const QString &folder, const QSharedPointer<FolderListing> &listing)
+void SlideFolder::take(quint64 request, const QString &key, const QSharedPointer<FolderListing> &listing)
 {
-    const auto running = m_running.constFind(folder);
+    const QString &folder = listing->folder;
+    const auto running = m_running.constFind(key);
     if (running != m_running.constEnd() && *running == request) {
         m_running.erase(running);
     }

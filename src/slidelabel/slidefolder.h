@@ -58,9 +58,9 @@ public:
     // Never waits: the threads end on their own.
     ~SlideFolder() override;
 
-    // Follows another folder, and lists it at once (or awaits the listing of
-    // it that still runs).
-    void setFolder(const QString &folder);
+    // Follows another folder, or the same one listed otherwise, and lists it
+    // at once (or awaits the listing of it that still runs).
+    void setFolder(const QString &folder, const ListingOptions &options);
     // Lists the folder again, unless a listing of it runs.
     void relist();
     // Whether the listing of the folder is awaited.
@@ -76,17 +76,22 @@ private:
     struct Channel;
 
     void startListing();
-    void take(quint64 request, const QString &folder, const QSharedPointer<FolderListing> &listing);
+    void take(quint64 request, const QString &key, const QSharedPointer<FolderListing> &listing);
+    // What tells one listing of the folder from another: the folder and
+    // whether its subfolders are in.
+    QString listingKey() const;
     void watch(const QString &folder, const QStringList &files);
 
     const Listed m_listed;
     // Shared with the listing threads, which post their results through it.
     const QSharedPointer<Channel> m_channel;
     QString m_folder;
+    ListingOptions m_options;
     // The last listing taken of m_folder: what the next one is told apart
     // from.
     QSharedPointer<const FolderListing> m_base;
-    // The listing that runs for each folder, by its request number.
+    // The listing that runs for each folder (and options), by its request
+    // number.
     QHash<QString, quint64> m_running;
     quint64 m_lastRequest = 0;
     // The request whose result is taken, 0 when none is awaited.

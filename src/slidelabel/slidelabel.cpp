@@ -17,6 +17,7 @@
 #include <QPainter>
 #include <QRectF>
 #include <QResizeEvent>
+#include <QSet>
 #include <QThread>
 
 #include <algorithm>
@@ -105,19 +106,31 @@ void SlideLabel::clearCache()
 
 void SlideLabel::setDir(const QString &dir)
 {
+    setDir(dir, includeSubfolders, order);
+}
+
+void SlideLabel::setDir(const QString &dir, bool includeSubfolders, ShowOrder order)
+{
     qCDebug(slideShowLog) << "SlideLabel: Setting directory to:" << dir;
+    this->includeSubfolders = includeSubfolders;
+    this->order = order == Shuffle ? Shuffle : ByName;
     imageFiles.clear();
+    upcomingRound.clear();
     clearCache();
     updateWantedImages();
     folderPath = dir;
     awaitingListing = true;
     goneSinceListing.clear();
-    folder->setFolder(dir);
+    folder->setFolder(dir, ListingOptions{includeSubfolders, imageNameFilters()});
 }
 
 void SlideLabel::takeListing(const QSharedPointer<const FolderListing> &listing, bool first)
 {
     qCDebug(slideShowLog) << "SlideLabel: Directory listed, images:" << listing->paths.size();
+    if (listing->truncated && (first || !truncated)) {
+        qCWarning(slideShowLog) << "SlideLabel: More images than the show takes, only the first are shown:" << maximumImages;
+    }
+    truncated = listing->truncated;
     if (awaitingListing || imageFiles.isEmpty()) {
         const bool wasAwaited = awaitingListing;
         awaitingListing = false;
@@ -146,7 +159,8 @@ void SlideLabel::emptyShow(const QString &folder)
 
 void SlideLabel::startShow(const QStringList &paths)
 {
-    imageFiles = paths;
+    imageFiles = order == Shuffle ? shuffled(paths, QString()) : paths;
+    upcomingRound.clear();
     updateCacheCapacity();
     // The "previous" image of a fresh sequence is the one before the first
     // in wrap-around order; it is not requested here.
@@ -180,8 +194,12 @@ void SlideLabel::followChanges(const FolderListing &listing)
     }
 
     const QString formerNext = nextKey();
-    imageFiles = listing.paths;
-    placeCurrent();
+    if (order == Shuffle) {
+        mergeIntoRound(listing);
+    } else {
+        imageFiles = listing.paths;
+        placeCurrent();
+    }
     // Removed and replaced files leave the cache at once: a replaced one is
     // prepared afresh before it is shown again. The current slide stays on
     // the screen until the next switch, whatever became of its file.
@@ -220,21 +238,78 @@ void SlideLabel::placeCurrent()
     currentIndex = currentInShow ? index : (index + imageFiles.size() - 1) % imageFiles.size();
 }
 
+void SlideLabel::mergeIntoRound(const FolderListing &listing)
+{
+    // The round goes on: what has been shown of it stays behind, what is
+    // left keeps its order, the images that left leave it, and the new ones
+    // take random places in what is left.
+    const QSet<QString> left(listing.left.cbegin(), listing.left.cend());
+    QStringList played;
+    QStringList rest;
+    for (int i = 0; i < imageFiles.size(); ++i) {
+        const QString &path = imageFiles.at(i);
+        if (!left.contains(path)) {
+            (i <= currentIndex ? played : rest).append(path);
+        }
+    }
+    for (const QString &path : listing.joined) {
+        rest.append(path);
+        std::swap(rest.last(), rest[int(random.bounded(rest.size()))]);
+    }
+    currentInShow = !left.contains(currentKey) && played.contains(currentKey);
+    imageFiles = played + rest;
+    // Gone: the next switch goes to the image that followed it.
+    currentIndex = played.isEmpty() ? imageFiles.size() - 1 : played.size() - 1;
+    upcomingRound.clear();
+    prepareNextRound();
+}
+
+QStringList SlideLabel::shuffled(QStringList paths, const QString &notFirst)
+{
+    std::shuffle(paths.begin(), paths.end(), random);
+    // A round never begins with the slide the one before ended on.
+    if (paths.size() > 1 && paths.first() == notFirst) {
+        std::swap(paths.first(), paths[1 + int(random.bounded(paths.size() - 1))]);
+    }
+    return paths;
+}
+
+void SlideLabel::prepareNextRound()
+{
+    // At the last slide of a shuffled round the next slide is the first of
+    // a fresh order, decided now, so that it is asked for one step ahead.
+    if (order == Shuffle && imageFiles.size() > 1 && currentIndex == imageFiles.size() - 1 && upcomingRound.isEmpty()) {
+        upcomingRound = shuffled(imageFiles, currentKey);
+    }
+}
+
 void SlideLabel::handleImageGone(const QString &path)
 {
-    const auto place = std::lower_bound(imageFiles.cbegin(), imageFiles.cend(), path, showsBefore);
-    if (place == imageFiles.cend() || *place != path) {
+    const int index = indexInShow(path);
+    if (index < 0) {
         return;
     }
     qCDebug(slideShowLog) << "SlideLabel: Image left the show:" << path;
     goneSinceListing.insert(path);
     const QString formerNext = nextKey();
-    imageFiles.removeAt(int(place - imageFiles.cbegin()));
+    imageFiles.removeAt(index);
+    upcomingRound.removeOne(path);
     if (imageFiles.isEmpty()) {
         emptyShow(folderPath);
         return;
     }
-    placeCurrent();
+    if (order == Shuffle) {
+        if (path == currentKey) {
+            currentInShow = false;
+        }
+        if (index <= currentIndex) {
+            currentIndex = (currentIndex + imageFiles.size() - 1) % imageFiles.size();
+        }
+        upcomingRound.clear();
+        prepareNextRound();
+    } else {
+        placeCurrent();
+    }
     if (path != currentKey) {
         slides.remove(path);
     }
@@ -250,10 +325,24 @@ void SlideLabel::handleImageGone(const QString &path)
     update();
 }
 
+int SlideLabel::indexInShow(const QString &path) const
+{
+    if (order == Shuffle) {
+        return imageFiles.indexOf(path);
+    }
+    // In name order the place is found without a pass over a list of
+    // perhaps many thousand images.
+    const auto place = std::lower_bound(imageFiles.cbegin(), imageFiles.cend(), path, showsBefore);
+    return place != imageFiles.cend() && *place == path ? int(place - imageFiles.cbegin()) : -1;
+}
+
 QString SlideLabel::nextKey() const
 {
     if (imageFiles.isEmpty()) {
         return QString();
+    }
+    if (!upcomingRound.isEmpty()) {
+        return upcomingRound.first();
     }
     return imageFiles.at((currentIndex + 1) % imageFiles.size());
 }
@@ -264,11 +353,18 @@ void SlideLabel::setNext()
         return;
     }
     opacity = 0.0;
-    currentIndex = (currentIndex + 1) % imageFiles.size();
+    if (!upcomingRound.isEmpty()) {
+        imageFiles = upcomingRound;
+        upcomingRound.clear();
+        currentIndex = 0;
+    } else {
+        currentIndex = (currentIndex + 1) % imageFiles.size();
+    }
     // A slide that left the show is not drawn again, not even fading out.
     previousKey = currentInShow ? currentKey : QString();
     currentKey = imageFiles.at(currentIndex);
     currentInShow = true;
+    prepareNextRound();
     updateWantedImages();
     // At the fade's start the picture is the previous slide alone, as the
     // screen shows it already when that slide covered it: at 4K a frame

@@ -7,11 +7,13 @@
 #define ZAV_SLIDELABEL_H
 
 #include "imagecache/position.h"
+#include "slidelabel/folderlisting.h"
 
 #include <QElapsedTimer>
 #include <QHash>
 #include <QLabel>
 #include <QPixmap>
+#include <QRandomGenerator>
 #include <QRect>
 #include <QSet>
 #include <QSharedPointer>
@@ -47,6 +49,9 @@ public:
     // Empties the show and has the directory listed; the show starts at its
     // first image when the listing comes. Returns at once.
     void setDir(const QString &dir);
+    // The same, with or without the images of its subfolders (depth first),
+    // in name order or shuffled afresh each round: one listing for the three.
+    void setDir(const QString &dir, bool includeSubfolders, ShowOrder order);
     // Advances to the next image, wrapping to the first after the last.
     void setNext();
     // Changes the fitting mode and asks again for the visible images.
@@ -116,6 +121,14 @@ private:
     void placeCurrent();
     // The show has no images (left): the message is shown.
     void emptyShow(const QString &folder);
+    // A later listing in a shuffled round.
+    void mergeIntoRound(const FolderListing &listing);
+    // A fresh order of the paths, not beginning with notFirst.
+    QStringList shuffled(QStringList paths, const QString &notFirst);
+    // At the last slide of a shuffled round: the next round's order.
+    void prepareNextRound();
+    // Where an image is in the show's order, -1 if not.
+    int indexInShow(const QString &path) const;
 
     QStringList imageFiles;
     int currentIndex = 0;
@@ -123,9 +136,17 @@ private:
     QString previousKey;
     QString currentKey;
     Position position = Stretch;
-    // The folder shown, and whether its first listing is still awaited:
+    // The folder shown, how, and whether its first listing is still awaited:
     // until it comes the label draws neither a slide nor the message.
     QString folderPath;
+    bool includeSubfolders = false;
+    ShowOrder order = ByName;
+    // The last listing held more images than the show takes.
+    bool truncated = false;
+    // In a shuffled show imageFiles is the round's order; at its last slide
+    // this is the next round's, already decided.
+    QStringList upcomingRound;
+    QRandomGenerator random{QRandomGenerator::global()->generate()};
     bool awaitingListing = false;
     // False once the current slide has left the show (its file was removed):
     // it is still drawn until the next switch, and never after it.

@@ -57,6 +57,14 @@ public:
     {
         return m_label->cacheThread;
     }
+    bool includesSubfolders() const
+    {
+        return m_label->includeSubfolders;
+    }
+    ShowOrder showOrder() const
+    {
+        return m_label->order;
+    }
     // Whether the first listing of the folder set is still awaited.
     bool awaitingListing() const
     {
@@ -66,6 +74,13 @@ public:
     QPixmap slide(const QString &path) const
     {
         return m_label->slides.value(path);
+    }
+
+    // The shuffle's generator, seeded anew: a test's rounds are the same
+    // every time.
+    static void seedShuffle(SlideLabel *label, quint32 seed)
+    {
+        label->random.seed(seed);
     }
 
 private:

@@ -170,7 +170,11 @@ void SlideShow::updateProperty(QVariantMap property)
         const QString &key = it.key();
         const QVariant &value = it.value();
         if (key == QLatin1String("ImageDirectory")) {
-            d->label->setDir(value.toString());
+            // The folder, its subfolders and the order go together: one
+            // listing for the three.
+            d->label->setDir(value.toString(),
+                             property.value(QStringLiteral("IncludeSubfolders")).toBool(),
+                             property.value(QStringLiteral("Order")).toInt() == Shuffle ? Shuffle : ByName);
         } else if (key == QLatin1String("Effect")) {
             d->animation->setDuration(value.toInt());
         } else if (key == QLatin1String("Position")) {

@@ -45,7 +45,8 @@ public:
     // ready, at most one interval later; the timer's timeout.
     void updateSlide();
     // Logs, stores and applies a complete settings map, key by key in map
-    // order: interval, fade, directory, fitting mode.
+    // order: interval, fade, directory (with its subfolders and order, in
+    // one listing), fitting mode.
     void updateProperty(QVariantMap property);
 
     using AbstractScreenSaver::property;
