@@ -30,121 +30,21 @@
 
 namespace ImageCacheTest
 {
-// Generous: the sanitizer builds decode and scale many times slower.
-const int asyncTimeout = 20000;
-
+using TestUtils::asyncTimeout;
+using TestUtils::debugEntry;
+using TestUtils::warningEntry;
 inline TestUtils::LogEntry debug(const QString &text)
 {
-    return TestUtils::LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtDebugMsg, text};
+    return TestUtils::debugEntry(text);
 }
-
 inline TestUtils::LogEntry warning(const QString &text)
 {
-    return TestUtils::LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtWarningMsg, text};
+    return TestUtils::warningEntry(text);
 }
-
 using TestUtils::quoted;
 
-inline QString describe(const QList<TestUtils::LogEntry> &entries)
-{
-    QString text;
-    for (const TestUtils::LogEntry &entry : entries) {
-        text += QStringLiteral("\n  [%1] %2").arg(int(entry.type)).arg(entry.text);
-    }
-    return text;
-}
-
-// Compares the plug-in's log lines with the expected ones (a braced list)
-// and prints both on a mismatch.
-#define COMPARE_LOG(recorder, ...)                                                                                                                             \
-    do {                                                                                                                                                       \
-        const QList<TestUtils::LogEntry> actualEntries = (recorder).slideShowEntries();                                                                        \
-        const QList<TestUtils::LogEntry> expectedEntries = __VA_ARGS__;                                                                                        \
-        QVERIFY2(                                                                                                                                              \
-            actualEntries == expectedEntries,                                                                                                                  \
-            qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(ImageCacheTest::describe(actualEntries), ImageCacheTest::describe(expectedEntries))));     \
-    } while (false)
-
-inline std::mutex &handoffMutex()
-{
-    static std::mutex mutex;
-    return mutex;
-}
-
-// Runs function in the thread of context, queued. Qt's event queue orders
-// the call after everything this thread did before posting it, but through
-// locks that ThreadSanitizer cannot see (Qt is not instrumented). Holding
-// this mutex while posting, and taking it first in the call, shows that
-// order to it.
-template<typename Function>
-void postTo(QObject *context, Function function)
-{
-    std::lock_guard<std::mutex> posting(handoffMutex());
-    QMetaObject::invokeMethod(
-        context,
-        [function]() mutable {
-            {
-                std::lock_guard<std::mutex> received(handoffMutex());
-            }
-            function();
-        },
-        Qt::QueuedConnection);
-}
-
-// Holds a thread inside one queued call until released, so that requests
-// queue up behind it. The call does not touch the worker. The state is
-// shared with the call, so it outlives this object if the thread does.
-class ThreadBlocker
-{
-public:
-    explicit ThreadBlocker(QObject *context)
-        : m_state(std::make_shared<State>())
-    {
-        std::shared_ptr<State> state = m_state;
-        postTo(context, [state] {
-            std::unique_lock<std::mutex> lock(state->mutex);
-            state->holding = true;
-            state->changed.notify_all();
-            state->changed.wait(lock, [&state] {
-                return state->released;
-            });
-        });
-    }
-
-    ~ThreadBlocker()
-    {
-        release();
-    }
-
-    ThreadBlocker(const ThreadBlocker &) = delete;
-    ThreadBlocker &operator=(const ThreadBlocker &) = delete;
-
-    // True once the thread is held.
-    bool waitUntilHolding()
-    {
-        std::unique_lock<std::mutex> lock(m_state->mutex);
-        return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] {
-            return m_state->holding;
-        });
-    }
-
-    // From any thread.
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(m_state->mutex);
-        m_state->released = true;
-        m_state->changed.notify_all();
-    }
-
-private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool holding = false;
-        bool released = false;
-    };
-    std::shared_ptr<State> m_state;
-};
+using TestUtils::postTo;
+using TestUtils::ThreadBlocker;
 
 // What imageCached delivered to a receiver in the GUI thread, connected with
 // the automatic type as the slide label connects it.

@@ -40,23 +40,13 @@ namespace SlideLabelTest
 {
 inline QString categoryName()
 {
-    return QStringLiteral("zav-tev.screensaver.slideshow");
+    return QString::fromLatin1(LogText::category);
 }
 
-inline TestUtils::LogEntry entry(QtMsgType type, const QString &text)
-{
-    return TestUtils::LogEntry{categoryName(), type, text};
-}
-
+using TestUtils::entry;
 using TestUtils::quoted;
 
-// The rectangle by which a label asks for and looks up its images: its
-// position, its size times the integer device-pixel ratio.
-inline QRect deviceGeometry(const QWidget &label)
-{
-    const int ratio = label.devicePixelRatio();
-    return QRect(label.x(), label.y(), qRound(double(label.width()) * ratio), qRound(double(label.height()) * ratio));
-}
+using TestUtils::deviceGeometry;
 
 // Every call of ImageCacheWorker::requestProcessImage logs exactly one of
 // these lines, in the calling (GUI) thread. Returns one item per call, in

@@ -121,14 +121,16 @@ void LogRecorder::clear()
     m_entries.clear();
 }
 
-QString mapLogText(const char *leading, const QVariantMap &map)
+LogEntry entry(QtMsgType type, const QString &text)
+{
+    return LogEntry{QString::fromLatin1(LogText::category), type, text};
+}
+
+QString describe(const QList<LogEntry> &entries)
 {
     QString text;
-    QDebug(&text) << leading << map;
-    // A QDebug on a string keeps the blank after its last item; the message
-    // handler never sees that blank.
-    if (text.endsWith(QLatin1Char(' '))) {
-        text.chop(1);
+    for (const LogEntry &entry : entries) {
+        text += QStringLiteral("\n  [%1] %2").arg(int(entry.type)).arg(entry.text);
     }
     return text;
 }
@@ -142,7 +144,12 @@ QString quoted(const QString &text)
 
 QString loadWarning(const QString &path)
 {
-    return quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %0 ").arg(path));
+    return quoted(QString::fromLatin1(LogText::loadFailed).arg(path));
+}
+
+QString noImagesError(const QString &folder)
+{
+    return quoted(QString::fromLatin1(LogText::noImages).arg(folder));
 }
 
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
@@ -469,15 +476,61 @@ QString writeSolidImage(const QString &directory, const QString &fileName, const
     return writeImage(directory, fileName, image);
 }
 
-qint64 peakResidentKiB()
+qint64 processStatusKiB(const char *field)
 {
     QFile status(QStringLiteral("/proc/self/status"));
     if (!status.open(QIODevice::ReadOnly)) {
         return -1;
     }
     const QString text = QString::fromLatin1(status.readAll());
-    const QRegularExpressionMatch match = QRegularExpression(QStringLiteral("VmHWM:\\s+(\\d+) kB")).match(text);
+    const QRegularExpressionMatch match = QRegularExpression(QLatin1String(field) + QStringLiteral(":\\s+(\\d+) kB")).match(text);
     return match.hasMatch() ? match.captured(1).toLongLong() : -1;
+}
+
+std::mutex &handoffMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+ThreadBlocker::ThreadBlocker(QObject *context)
+    : m_state(std::make_shared<State>())
+{
+    std::shared_ptr<State> state = m_state;
+    postTo(context, [state] {
+        std::unique_lock<std::mutex> lock(state->mutex);
+        state->holding = true;
+        state->changed.notify_all();
+        state->changed.wait(lock, [&state] {
+            return state->released;
+        });
+    });
+}
+
+ThreadBlocker::~ThreadBlocker()
+{
+    release();
+}
+
+bool ThreadBlocker::waitUntilHolding()
+{
+    std::unique_lock<std::mutex> lock(m_state->mutex);
+    return m_state->changed.wait_for(lock, std::chrono::milliseconds(asyncTimeout), [this] {
+        return m_state->holding;
+    });
+}
+
+bool ThreadBlocker::isHolding() const
+{
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    return m_state->holding && !m_state->released;
+}
+
+void ThreadBlocker::release()
+{
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    m_state->released = true;
+    m_state->changed.notify_all();
 }
 
 QRgb crossFadePixel(const QColor &background, const QColor &previous, const QColor &current, double opacity)

@@ -17,10 +17,22 @@
 #include <QVariantMap>
 #include <QtGlobal>
 
+#include <QDebug>
+#include <QMetaObject>
+#include <QRect>
+#include <QWidget>
+
+#include <condition_variable>
+#include <memory>
 #include <mutex>
+
+#include "logtexts.h"
 
 namespace TestUtils
 {
+// Generous: the sanitizer builds decode and scale many times slower.
+const int asyncTimeout = 20000;
+
 struct LogEntry {
     QString category;
     QtMsgType type;
@@ -65,9 +77,42 @@ private:
     static LogRecorder *s_current;
 };
 
-// A log line of the plug-in that streams a leading text and a settings map,
-// as the message handler receives it.
-QString mapLogText(const char *leading, const QVariantMap &map);
+// An entry of the plug-in's category.
+LogEntry entry(QtMsgType type, const QString &text);
+inline LogEntry debugEntry(const QString &text)
+{
+    return entry(QtDebugMsg, text);
+}
+inline LogEntry warningEntry(const QString &text)
+{
+    return entry(QtWarningMsg, text);
+}
+// One entry a line, for a failing comparison's message.
+QString describe(const QList<LogEntry> &entries);
+
+// A log line of the plug-in that streams a leading text (from LogText) and
+// then values, as the message handler receives it: strings quoted, the
+// items separated by blanks.
+template<typename... Values>
+QString logText(const char *leading, const Values &...values)
+{
+    QString text;
+    {
+        QDebug stream(&text);
+        stream << leading;
+        (stream << ... << values);
+    }
+    // A QDebug on a string keeps the blank after its last item; the message
+    // handler never sees that blank.
+    if (text.endsWith(QLatin1Char(' '))) {
+        text.chop(1);
+    }
+    return text;
+}
+inline QString mapLogText(const char *leading, const QVariantMap &map)
+{
+    return logText(leading, map);
+}
 
 // A QString value as the debug stream prints it: in double quotes, with
 // special characters escaped.
@@ -75,6 +120,8 @@ QString quoted(const QString &text);
 
 // The warning the worker logs for an image it cannot load.
 QString loadWarning(const QString &path);
+// The error the label logs for a folder without images.
+QString noImagesError(const QString &folder);
 
 // A settings map with the four keys.
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position);
@@ -112,8 +159,21 @@ QString writeRleBmp(const QString &directory, const QString &fileName, int width
 // of a JPEG file.
 QByteArray withExifOrientation(const QByteArray &jpeg, int orientation);
 
-// The process's peak resident memory in KiB (VmHWM), or -1.
-qint64 peakResidentKiB();
+// A field of the process's status in KiB ("VmHWM", "VmRSS"), or -1.
+qint64 processStatusKiB(const char *field);
+// The process's peak resident memory in KiB, or -1.
+inline qint64 peakResidentKiB()
+{
+    return processStatusKiB("VmHWM");
+}
+
+// The rectangle by which a label asks for and looks up its images: its
+// position, its size in device pixels (rounded at a fractional ratio).
+inline QRect deviceGeometry(const QWidget &widget)
+{
+    const double ratio = widget.devicePixelRatioF();
+    return QRect(widget.pos(), QSize(qRound(widget.width() * ratio), qRound(widget.height() * ratio)));
+}
 
 // True when every pixel of both images matches within the fuzz per channel.
 bool fuzzyEqual(const QImage &actual, const QImage &expected, int fuzz, QString *why = nullptr);
@@ -128,6 +188,56 @@ bool fuzzyColor(QRgb actual, const QColor &expected, int fuzz);
 // transparent colour stands for a slide that is missing there.
 QRgb crossFadePixel(const QColor &background, const QColor &previous, const QColor &current, double opacity);
 
+std::mutex &handoffMutex();
+
+// Runs function in the thread of context, queued. Qt's event queue orders
+// the call after everything this thread did before posting it, but through
+// locks that ThreadSanitizer cannot see (Qt is not instrumented). Holding
+// this mutex while posting, and taking it first in the call, shows that
+// order to it.
+template<typename Function>
+void postTo(QObject *context, Function function)
+{
+    std::lock_guard<std::mutex> posting(handoffMutex());
+    QMetaObject::invokeMethod(
+        context,
+        [function]() mutable {
+            {
+                std::lock_guard<std::mutex> received(handoffMutex());
+            }
+            function();
+        },
+        Qt::QueuedConnection);
+}
+
+// Holds a thread inside one queued call until released, so that the calls
+// posted after it (requests of the worker, a listing's handoff) queue up
+// behind it. The call touches nothing else. The state is shared with the
+// call, so it outlives this object if the thread does.
+class ThreadBlocker
+{
+public:
+    explicit ThreadBlocker(QObject *context);
+    ~ThreadBlocker();
+    ThreadBlocker(const ThreadBlocker &) = delete;
+    ThreadBlocker &operator=(const ThreadBlocker &) = delete;
+
+    // True once the thread is held.
+    bool waitUntilHolding();
+    bool isHolding() const;
+    // From any thread.
+    void release();
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool holding = false;
+        bool released = false;
+    };
+    std::shared_ptr<State> m_state;
+};
+
 // Runs a test object the way the tests of widgets run: in a QApplication
 // whose fonts are laid out at 96 DPI whatever the screen, so that the sizes
 // of texts do not depend on the machine.
@@ -140,5 +250,15 @@ int runWidgetTest(int argc, char **argv)
     return QTest::qExec(&test, argc, argv);
 }
 }
+
+// Compares the plug-in's log lines with the expected ones (a braced list)
+// and prints both on a mismatch.
+#define COMPARE_LOG(recorder, ...)                                                                                                                             \
+    do {                                                                                                                                                       \
+        const QList<TestUtils::LogEntry> actualEntries = (recorder).slideShowEntries();                                                                        \
+        const QList<TestUtils::LogEntry> expectedEntries = __VA_ARGS__;                                                                                        \
+        QVERIFY2(actualEntries == expectedEntries,                                                                                                             \
+                 qPrintable(QStringLiteral("actual:%1\nexpected:%2").arg(TestUtils::describe(actualEntries), TestUtils::describe(expectedEntries))));          \
+    } while (false)
 
 #endif // ZAV_TESTUTILS_H

@@ -13,6 +13,7 @@ packages=(
     libkf5i18n-dev extra-cmake-modules gettext
     fonts-dejavu-core xvfb xauth locales
     fuse3 python3-fusepy
+    qt5-image-formats-plugins kimageformat-plugins
 )
 read -r -a extra <<<"${ZAV_EXTRA_PACKAGES:-}"
 packages+=("${extra[@]}")
