@@ -3,14 +3,17 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
+// The tests of ImageCacheWorker, on its own thread as the slide label runs it.
+
 #include "imagecache/imagecacheworker.h"
 #include "imagecache/imagecacheworker_p.h"
-#include "imagecachetesthelpers.h"
+#include "pipetesthelpers.h"
 #include "testutils.h"
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QPixmap>
 #include <QPointer>
 #include <QRandomGenerator>
 #include <QSet>
@@ -20,15 +23,20 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
+#include <csignal>
 #include <memory>
-#include <thread>
+#include <optional>
+
+#include <sys/stat.h>
 
 using namespace Dm::ScreenSaver;
+using namespace PipeTest;
+using TestUtils::debugEntry;
 using TestUtils::LogEntry;
 using TestUtils::LogRecorder;
-
-using namespace ImageCacheTest;
+using TestUtils::logText;
+using TestUtils::ThreadBlocker;
+using TestUtils::warningEntry;
 
 namespace
 {
@@ -38,39 +46,114 @@ QStringList sorted(QStringList list)
     return list;
 }
 
-QString settingLine(const QString &key)
-{
-    return QStringLiteral("ImageCacheWorker: setting a request for image processing in the queue for: ") + quoted(key);
-}
-
-QString internalLine(const QString &path)
-{
-    return QStringLiteral("ImageCacheWorker: internal image processing: ") + quoted(path);
-}
-
-QString skippedLine(const QString &key)
-{
-    return QStringLiteral("ImageCacheWorker: the request was made before the cache was cleaned, skipped without processing: ") + quoted(key);
-}
-
-QString sizeLine(int cacheSize, int orderSize)
-{
-    return QStringLiteral("ImageCacheWorker: The current size of the cache: %1 . Cache order size: %2").arg(cacheSize).arg(orderSize);
-}
-
-QString evictionLine(const QString &path, int newSize)
-{
-    return QStringLiteral("ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image: ") + quoted(path)
-        + QStringLiteral(" . New size of the cache: %1").arg(newSize);
-}
-
-QString lookupLine(const QString &path, const QString &rectangle, const QString &ratio, int position)
-{
-    return QStringLiteral("ImageCacheWorker: return of a caching image for: ") + quoted(path) + QLatin1Char(' ') + rectangle + QLatin1Char(' ') + ratio
-        + QLatin1Char(' ') + QString::number(position);
-}
-
 const QRect screen(0, 0, 300, 200);
+
+// The warning of a preparation given up over its time budget, streamed with
+// the budget and the limit on the clock. It belongs in LogText with the others.
+constexpr char givenUp[] = "ImageCacheWorker: Reading and decoding took more than";
+constexpr char givenUpBudget[] = "ms of processor time or";
+constexpr char givenUpLimit[] = "ms in all, the image is given up:";
+
+// What imageCached delivered to a receiver in the GUI thread, connected with
+// the automatic type as the slide label connects it.
+struct Report {
+    QString path;
+    QPixmap pixmap;
+    QThread *thread = nullptr;
+    bool duringRequest = false;
+};
+
+// Only the GUI thread touches these: queued reports arrive there, and direct
+// ones are made there.
+struct Receiver : QObject {
+    QList<Report> reports;
+    QStringList gone;
+    bool requestRunning = false;
+};
+
+// The worker as the slide label runs it: no parent, moved to its own thread,
+// deleted there by deleteLater when the thread finishes.
+class WorkerFixture
+{
+public:
+    WorkerFixture()
+        : worker(new ImageCacheWorker(nullptr))
+    {
+        worker->moveToThread(&thread);
+        QObject::connect(&thread, &QThread::finished, worker, &QObject::deleteLater);
+        QObject::connect(worker, &ImageCacheWorker::imageCached, &receiver, [this](const QString &path, const QPixmap &pixmap) {
+            receiver.reports.append(Report{path, pixmap, QThread::currentThread(), receiver.requestRunning});
+        });
+        QObject::connect(worker, &ImageCacheWorker::imageGone, &receiver, [this](const QString &path) {
+            receiver.gone.append(path);
+        });
+        // Without a context object: called directly, in the emitting thread.
+        // Connected before the thread starts, so that the thread sees these
+        // connections complete.
+        QObject::connect(worker, &ImageCacheWorker::imageCached, [this] {
+            emittingThread.store(QThread::currentThread());
+        });
+        QObject::connect(worker, &QObject::destroyed, [this] {
+            destroyedIn.store(QThread::currentThread());
+        });
+        thread.start();
+    }
+
+    ~WorkerFixture()
+    {
+        thread.quit();
+        thread.wait();
+        // QThread::wait() may return through Qt's own locks, which
+        // ThreadSanitizer does not see; reading what the worker's thread
+        // stored last, as the worker was destroyed, shows it that the thread
+        // is done with this object.
+        destroyedIn.load();
+    }
+
+    // requestProcessImage, with the receiver told that a request is running.
+    bool request(const QString &path, const QRect &geometry, double ratio = 1.0, int position = Crop)
+    {
+        receiver.requestRunning = true;
+        const bool queued = worker->requestProcessImage(path, geometry, ratio, position);
+        receiver.requestRunning = false;
+        return queued;
+    }
+
+    bool waitForReports(int count)
+    {
+        return QTest::qWaitFor(
+            [this, count] {
+                return receiver.reports.size() >= count;
+            },
+            TestUtils::asyncTimeout);
+    }
+
+    // Returns once everything queued to the worker so far has run and its
+    // queued reports have reached this thread: the marker that the worker's
+    // thread posts last is delivered after them.
+    bool flush()
+    {
+        auto reached = std::make_shared<std::atomic<bool>>(false);
+        TestUtils::postTo(worker, [reached] {
+            TestUtils::postTo(QCoreApplication::instance(), [reached] {
+                reached->store(true);
+            });
+        });
+        return QTest::qWaitFor(
+            [reached] {
+                return reached->load();
+            },
+            TestUtils::asyncTimeout);
+    }
+
+    QThread thread;
+    ImageCacheWorker *worker;
+    Receiver receiver;
+    // The thread of the last imageCached emission, and the thread in which
+    // the worker was destroyed.
+    std::atomic<QThread *> emittingThread{nullptr};
+    std::atomic<QThread *> destroyedIn{nullptr};
+};
 }
 
 class ImageCacheWorkerTest : public QObject
@@ -87,10 +170,18 @@ private:
         return path + QStringLiteral("|%1x%2").arg(geometry.width()).arg(geometry.height());
     }
 
+    QString makePipe(const QString &name)
+    {
+        const QString pipe = m_dir.filePath(name);
+        return ::mkfifo(QFile::encodeName(pipe).constData(), 0600) == 0 ? pipe : QString();
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
+        // A feeder whose reader went away gets EPIPE instead of a signal.
+        std::signal(SIGPIPE, SIG_IGN);
         for (int i = 0; i < 12; ++i) {
             const QString name = QStringLiteral("slide-%1.png").arg(i, 2, 10, QLatin1Char('0'));
             m_images.append(TestUtils::writeSolidImage(m_dir.path(), name, QSize(64, 48), QColor::fromHsv(i * 30, 200, 220)));
@@ -103,115 +194,80 @@ private Q_SLOTS:
         TestUtils::setSlideShowDebugEnabled(true);
     }
 
-    void cleanupTestCase()
-    {
-        TestUtils::setSlideShowDebugEnabled(false);
-    }
-
-    void freshWorkerIsIdle()
-    {
-        ImageCacheWorker worker(nullptr);
-        const WorkerSnapshot snapshot = snapshotOf(worker);
-        QVERIFY(snapshot.cachedPaths.isEmpty());
-        QVERIFY(snapshot.cacheOrder.isEmpty());
-        QVERIFY(snapshot.pendingRequests.isEmpty());
-        QCOMPARE(snapshot.generation, 0u);
-        // On its own the worker keeps ten entries.
-        QCOMPARE(snapshot.capacity, 10);
-        QCOMPARE(snapshot.preparationsStarted, 0);
-        QVERIFY(!worker.parent());
-    }
-
     void geometryNeedsBothSidesAbove128Pixels_data()
     {
         QTest::addColumn<QRect>("geometry");
-        QTest::addColumn<bool>("valid");
-        QTest::newRow("128 x 1080") << QRect(0, 0, 128, 1080) << false;
-        QTest::newRow("129 x 1080") << QRect(0, 0, 129, 1080) << true;
-        QTest::newRow("1920 x 128") << QRect(0, 0, 1920, 128) << false;
-        QTest::newRow("1920 x 129") << QRect(0, 0, 1920, 129) << true;
-        QTest::newRow("129 x 129 away from the origin") << QRect(-500, 40, 129, 129) << true;
-        QTest::newRow("1920 x 1080 at 10, 20") << QRect(10, 20, 1920, 1080) << true;
-        QTest::newRow("null") << QRect() << false;
-        QTest::newRow("empty") << QRect(10, 10, 0, 0) << false;
-        QTest::newRow("inverted") << QRect(QPoint(1919, 1079), QPoint(0, 0)) << false;
-        QTest::newRow("inverted height") << QRect(QPoint(0, 1079), QPoint(1919, 0)) << false;
+        // The request key of a path in a valid geometry; empty if invalid.
+        QTest::addColumn<QString>("key");
+        QTest::newRow("128 x 1080") << QRect(0, 0, 128, 1080) << QString();
+        QTest::newRow("129 x 1080") << QRect(0, 0, 129, 1080) << QStringLiteral("wallpapers/my photo.jpg|129x1080");
+        QTest::newRow("1920 x 128") << QRect(0, 0, 1920, 128) << QString();
+        QTest::newRow("1920 x 129") << QRect(0, 0, 1920, 129) << QStringLiteral("wallpapers/my photo.jpg|1920x129");
+        QTest::newRow("129 x 129 away from the origin") << QRect(-500, 40, 129, 129) << QStringLiteral("wallpapers/my photo.jpg|129x129");
+        QTest::newRow("1920 x 1080") << QRect(0, 0, 1920, 1080) << QStringLiteral("wallpapers/my photo.jpg|1920x1080");
+        QTest::newRow("1920 x 1080 at 10, 20") << QRect(10, 20, 1920, 1080) << QStringLiteral("wallpapers/my photo.jpg|1920x1080");
+        QTest::newRow("1280 x 720") << QRect(0, 0, 1280, 720) << QStringLiteral("wallpapers/my photo.jpg|1280x720");
+        QTest::newRow("1280 x 1024 left of the origin") << QRect(-1280, 0, 1280, 1024) << QStringLiteral("wallpapers/my photo.jpg|1280x1024");
+        QTest::newRow("null") << QRect() << QString();
+        QTest::newRow("empty") << QRect(10, 10, 0, 0) << QString();
+        QTest::newRow("inverted") << QRect(QPoint(1919, 1079), QPoint(0, 0)) << QString();
+        QTest::newRow("inverted height") << QRect(QPoint(0, 1079), QPoint(1919, 0)) << QString();
+        QTest::newRow("100 x 100 at 5, 7") << QRect(5, 7, 100, 100) << QString();
     }
 
+    // A request is keyed by the path and the size, without the position. An
+    // invalid geometry is refused everywhere: a lookup finds nothing and
+    // warns; a synchronous preparation warns and gives a canvas that is not
+    // a prepared one (the ratio is not applied) and is stored nowhere; a
+    // request is not queued.
     void geometryNeedsBothSidesAbove128Pixels()
     {
         QFETCH(QRect, geometry);
-        QFETCH(bool, valid);
-        ImageCacheWorker worker(nullptr);
-        QCOMPARE(worker.isValidGeometry(geometry), valid);
-    }
-
-    void requestKeyIsPathAndSizeWithoutPosition_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QRect>("geometry");
-        QTest::addColumn<QString>("key");
-        QTest::newRow("at 10, 20") << QStringLiteral("a.png") << QRect(10, 20, 1920, 1080) << QStringLiteral("a.png|1920x1080");
-        QTest::newRow("at the origin") << QStringLiteral("a.png") << QRect(0, 0, 1920, 1080) << QStringLiteral("a.png|1920x1080");
-        QTest::newRow("other size") << QStringLiteral("a.png") << QRect(0, 0, 1280, 720) << QStringLiteral("a.png|1280x720");
-        QTest::newRow("directory and blank") << QStringLiteral("wallpapers/my photo.jpg") << QRect(-1280, 0, 1280, 1024)
-                                             << QStringLiteral("wallpapers/my photo.jpg|1280x1024");
-    }
-
-    void requestKeyIsPathAndSizeWithoutPosition()
-    {
-        QFETCH(QString, path);
-        QFETCH(QRect, geometry);
         QFETCH(QString, key);
-        ImageCacheWorker worker(nullptr);
-        QCOMPARE(worker.getRequestKey(path, geometry), key);
-    }
-
-    void getCachedImageWarnsAboutInvalidGeometry_data()
-    {
-        QTest::addColumn<QRect>("geometry");
-        QTest::addColumn<QString>("printed");
-        QTest::newRow("128 x 1080") << QRect(0, 0, 128, 1080) << QStringLiteral("QRect(0,0 128x1080)");
-        QTest::newRow("100 x 100 at 5, 7") << QRect(5, 7, 100, 100) << QStringLiteral("QRect(5,7 100x100)");
-        QTest::newRow("inverted") << QRect(QPoint(300, 200), QPoint(0, 0)) << QStringLiteral("QRect(300,200 -299x-199)");
-    }
-
-    void getCachedImageWarnsAboutInvalidGeometry()
-    {
-        QFETCH(QRect, geometry);
-        QFETCH(QString, printed);
-        ImageCacheWorker worker(nullptr);
-        LogRecorder recorder;
-        QVERIFY(worker.getCachedImage(m_images.at(0), geometry, 1.0, Crop).isNull());
-        COMPARE_LOG(recorder, {warning(QStringLiteral("ImageCacheWorker: getCachedImage is called with invalid geometry, pass: ") + printed)});
-    }
-
-    void getCachedImageOfAnUnknownPathIsSilentlyNull()
-    {
-        ImageCacheWorker worker(nullptr);
-        LogRecorder recorder;
-        QVERIFY(worker.getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
-        QVERIFY(recorder.slideShowEntries().isEmpty());
-    }
-
-    void requestWithInvalidGeometryIsRefused()
-    {
         WorkerFixture fixture;
+        QCOMPARE(fixture.worker->isValidGeometry(geometry), !key.isEmpty());
+        if (!key.isEmpty()) {
+            QCOMPARE(fixture.worker->getRequestKey(QStringLiteral("wallpapers/my photo.jpg"), geometry), key);
+            return;
+        }
         LogRecorder recorder;
-        QVERIFY(!fixture.request(m_images.at(0), QRect(0, 0, 100, 100)));
+        const QString path = m_images.at(0);
+        QVERIFY(fixture.worker->getCachedImage(path, geometry, 1.0, Crop).isNull());
+        const QPixmap pixmap = fixture.worker->processImageSynchronously(path, geometry, 2.0, Crop);
+        QCOMPARE(pixmap.devicePixelRatio(), 1.0);
+        if (geometry.width() > 0 && geometry.height() > 0) {
+            QCOMPARE(pixmap.size(), geometry.size());
+        }
+        QVERIFY(!fixture.request(path, geometry));
         QVERIFY(fixture.flush());
-        COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: requestProcessimage is called with invalid geometry, pass: QRect(0,0 100x100)"))});
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{warningEntry(logText(LogText::invalidLookup, geometry)),
+                                     warningEntry(logText(LogText::invalidSynchronous, geometry)),
+                                     debugEntry(logText(LogText::invalidRequest, geometry))}));
         QVERIFY(fixture.receiver.reports.isEmpty());
-        QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
-        QVERIFY(snapshotOf(fixture.worker).cachedPaths.isEmpty());
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+        QVERIFY(snapshot.cachedPaths.isEmpty());
     }
 
     void requestIsPreparedInTheWorkerThread()
     {
         WorkerFixture fixture;
+        // Fresh, the worker is idle, has no parent and keeps ten entries.
+        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
+        QVERIFY(snapshot.cachedPaths.isEmpty());
+        QVERIFY(snapshot.cacheOrder.isEmpty());
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+        QCOMPARE(snapshot.generation, 0u);
+        QCOMPARE(snapshot.capacity, 10);
+        QCOMPARE(snapshot.preparationsStarted, 0);
+        QVERIFY(!fixture.worker->parent());
+
         LogRecorder recorder;
         const QString path = m_images.at(0);
         QVERIFY(fixture.request(path, screen, 1.0, Crop));
+        // Queued: nothing can have reached this thread before it runs its event loop.
+        QVERIFY(fixture.receiver.reports.isEmpty());
         QVERIFY(fixture.waitForReports(1));
 
         QCOMPARE(fixture.emittingThread.load(), &fixture.thread);
@@ -223,87 +279,98 @@ private Q_SLOTS:
         // Crop covers the whole canvas with the image's colour.
         QCOMPARE(report.pixmap.toImage().pixel(150, 100), QColor::fromHsv(0, 200, 220).rgb());
 
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(path))), debug(internalLine(path)), debug(sizeLine(1, 1))}));
-        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(path))),
+                                     debugEntry(logText(LogText::internalProcessing, path)),
+                                     debugEntry(logText(LogText::cacheSize, 1, LogText::cacheOrderSize, 1))}));
+        snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cachedPaths, QStringList{path});
         QCOMPARE(snapshot.cacheOrder, QList<QString>{path});
         QVERIFY(snapshot.pendingRequests.isEmpty());
         QCOMPARE(fixture.worker->getCachedImage(path, screen, 1.0, Crop).cacheKey(), report.pixmap.cacheKey());
+
+        // Deleted in its own thread when the thread finishes, without a word.
+        const QPointer<ImageCacheWorker> guard(fixture.worker);
+        QCOMPARE(fixture.destroyedIn.load(), nullptr);
+        recorder.clear();
+        fixture.thread.quit();
+        QVERIFY(fixture.thread.wait(TestUtils::asyncTimeout));
+        QVERIFY(guard.isNull());
+        QCOMPARE(fixture.destroyedIn.load(), &fixture.thread);
+        QVERIFY(recorder.slideShowEntries().isEmpty());
     }
 
-    void duplicateRequestIsQueuedOnce()
+    // A request is keyed by path and size: the same key is queued once,
+    // wherever it is asked for, while another size is another piece of work.
+    void requestIsQueuedOncePerKey()
     {
         WorkerFixture fixture;
         ThreadBlocker blocker(fixture.worker);
         QVERIFY(blocker.waitUntilHolding());
 
         LogRecorder recorder;
-        const QString path = m_images.at(1);
-        QVERIFY(fixture.request(path, screen));
-        QVERIFY(!fixture.request(path, QRect(40, 30, 300, 200)));
+        const QString path = m_images.at(2);
+        const QRect large(0, 0, 1920, 1080);
+        QVERIFY(fixture.request(path, screen, 1.0, Stretch));
+        QVERIFY(!fixture.request(path, QRect(40, 30, 300, 200), 1.0, Stretch));
+        QVERIFY(fixture.request(path, large, 1.0, Stretch));
         COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(path))),
-                                     debug(QStringLiteral("ImageCacheWorker: the request is already waiting for the way: ") + quoted(key(path)))}));
-        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(path)});
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(path))),
+                                     debugEntry(logText(LogText::alreadyWaiting, key(path))),
+                                     debugEntry(logText(LogText::queued, key(path, large)))}));
+        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, (QSet<QString>{key(path), key(path, large)}));
 
         recorder.clear();
         blocker.release();
-        QVERIFY(fixture.waitForReports(1));
-        QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.reports.size(), 1);
-        QCOMPARE(fixture.receiver.reports.at(0).path, path);
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(internalLine(path)), debug(sizeLine(1, 1))}));
-        QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
-    }
-
-    void sameImageAtTwoSizesIsTwoPiecesOfWork()
-    {
-        WorkerFixture fixture;
-        ThreadBlocker blocker(fixture.worker);
-        QVERIFY(blocker.waitUntilHolding());
-
-        const QString path = m_images.at(2);
-        const QRect large(0, 0, 1920, 1080);
-        const QRect small(0, 0, 1280, 720);
-        LogRecorder recorder;
-        QVERIFY(fixture.request(path, large, 1.0, Stretch));
-        QVERIFY(fixture.request(path, small, 1.0, Stretch));
-        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, (QSet<QString>{path + QStringLiteral("|1920x1080"), path + QStringLiteral("|1280x720")}));
-
-        blocker.release();
         QVERIFY(fixture.waitForReports(2));
-        QCOMPARE(fixture.receiver.reports.at(0).pixmap.size(), large.size());
-        QCOMPARE(fixture.receiver.reports.at(1).pixmap.size(), small.size());
-
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(path, large))),
-                                     debug(settingLine(key(path, small))),
-                                     debug(internalLine(path)),
-                                     debug(sizeLine(1, 1)),
-                                     debug(internalLine(path)),
-                                     debug(sizeLine(1, 1))}));
+        QVERIFY(fixture.flush());
+        QCOMPARE(fixture.receiver.reports.size(), 2);
+        QCOMPARE(fixture.receiver.reports.at(0).path, path);
+        QCOMPARE(fixture.receiver.reports.at(0).pixmap.size(), screen.size());
+        QCOMPARE(fixture.receiver.reports.at(1).pixmap.size(), large.size());
+        const LogEntry internal = debugEntry(logText(LogText::internalProcessing, path));
+        const LogEntry size = debugEntry(logText(LogText::cacheSize, 1, LogText::cacheOrderSize, 1));
+        COMPARE_LOG(recorder, (QList<LogEntry>{internal, size, internal, size}));
 
         // The cache is keyed by path: the second size replaced the first.
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cachedPaths, QStringList{path});
         QCOMPARE(snapshot.cacheOrder, QList<QString>{path});
         QVERIFY(snapshot.pendingRequests.isEmpty());
-        QVERIFY(fixture.worker->getCachedImage(path, large, 1.0, Stretch).isNull());
-        QCOMPARE(fixture.worker->getCachedImage(path, small, 1.0, Stretch).cacheKey(), fixture.receiver.reports.at(1).pixmap.cacheKey());
+        QVERIFY(fixture.worker->getCachedImage(path, screen, 1.0, Stretch).isNull());
+        QCOMPARE(fixture.worker->getCachedImage(path, large, 1.0, Stretch).cacheKey(), fixture.receiver.reports.at(1).pixmap.cacheKey());
     }
 
-    void requestForACachedImageIsAnsweredAtOnce()
+    // An entry is found by its path and size alone: a Center one serves a
+    // Crop lookup at another place and ratio. A lookup of another size or of
+    // an unknown path finds nothing without a word, and no lookup changes the
+    // entry's age. A request or a synchronous preparation of a cached image
+    // is answered from the cache at once and makes the entry the youngest.
+    void cachedImageIsFoundByPathAndSize()
     {
         WorkerFixture fixture;
-        const QString first = m_images.at(0);
-        const QString second = m_images.at(1);
-        QVERIFY(fixture.request(first, screen));
-        QVERIFY(fixture.request(second, screen));
+        const QString first = m_images.at(4);
+        const QString second = m_images.at(5);
+        QVERIFY(fixture.request(first, screen, 1.0, Center));
+        QVERIFY(fixture.request(second, screen, 1.0, Center));
         QVERIFY(fixture.waitForReports(2));
         const QPixmap firstPixmap = fixture.receiver.reports.at(0).pixmap;
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{first, second}));
 
         LogRecorder recorder;
+        QVERIFY(fixture.worker->getCachedImage(first, QRect(0, 0, 1280, 720), 1.0, Center).isNull());
+        QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Center).isNull());
+        QVERIFY(recorder.slideShowEntries().isEmpty());
+        QCOMPARE(snapshotOf(fixture.worker).cachedPaths, sorted({first, second}));
+
+        const QRect elsewhere(8, 16, 300, 200);
+        const QPixmap found = fixture.worker->getCachedImage(first, elsewhere, 1.5, Crop);
+        QCOMPARE(found.cacheKey(), firstPixmap.cacheKey());
+        // The Center rendering: the small image in the middle of a black canvas.
+        const QImage image = found.toImage();
+        QCOMPARE(image.pixel(0, 0), qRgb(0, 0, 0));
+        QCOMPARE(image.pixel(150, 100), QColor::fromHsv(4 * 30, 200, 220).rgb());
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{first, second}));
+
         QVERIFY(!fixture.request(first, QRect(100, 100, 300, 200), 2.0, Tile));
         // Delivered inside requestProcessImage, in this thread, before it returned.
         QCOMPARE(fixture.receiver.reports.size(), 3);
@@ -313,87 +380,49 @@ private Q_SLOTS:
         QCOMPARE(fixture.emittingThread.load(), QThread::currentThread());
         QCOMPARE(report.path, first);
         QCOMPARE(report.pixmap.cacheKey(), firstPixmap.cacheKey());
-
-        COMPARE_LOG(
-            recorder,
-            {debug(QStringLiteral("ImageCacheWorker: the image is already caching with the correct size, the request for the request: ") + quoted(first))});
-        // Refreshed: now the youngest entry.
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{second, first}));
+
+        // Returned, not reported.
+        const QPixmap pixmap = fixture.worker->processImageSynchronously(second, QRect(50, 50, 300, 200), 1.0, Crop);
+        QCOMPARE(pixmap.cacheKey(), fixture.receiver.reports.at(1).pixmap.cacheKey());
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{first, second}));
 
         // Nothing was queued.
         QVERIFY(fixture.flush());
         QCOMPARE(fixture.receiver.reports.size(), 3);
-        QCOMPARE(recorder.slideShowEntries().size(), 1);
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::lookup, first, elsewhere, 1.5, int(Crop))),
+                                     debugEntry(logText(LogText::alreadyCached, first)),
+                                     debugEntry(logText(LogText::synchronousLookup, second))}));
         QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
     }
 
-    void workerReportsFromItsThreadAndQueuesToTheGui()
-    {
-        WorkerFixture fixture;
-        QVERIFY(fixture.request(m_images.at(3), screen));
-        // Queued: nothing can have reached this thread before it runs its event loop.
-        QVERIFY(fixture.receiver.reports.isEmpty());
-        QVERIFY(fixture.waitForReports(1));
-        QCOMPARE(fixture.emittingThread.load(), &fixture.thread);
-        QVERIFY(fixture.emittingThread.load() != QThread::currentThread());
-        QCOMPARE(fixture.receiver.reports.at(0).thread, QThread::currentThread());
-        QVERIFY(!fixture.receiver.reports.at(0).duringRequest);
-    }
-
-    void lookupAtAnotherSizeIsNullAndKeepsTheEntry()
-    {
-        WorkerFixture fixture;
-        const QString path = m_images.at(4);
-        const QString other = m_images.at(5);
-        const QRect large(0, 0, 1920, 1080);
-        QVERIFY(fixture.request(path, large, 1.0, Stretch));
-        QVERIFY(fixture.request(other, large, 1.0, Stretch));
-        QVERIFY(fixture.waitForReports(2));
-
-        LogRecorder recorder;
-        QVERIFY(fixture.worker->getCachedImage(path, QRect(0, 0, 1280, 720), 1.0, Stretch).isNull());
-        QVERIFY(recorder.slideShowEntries().isEmpty());
-        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.cachedPaths, sorted({path, other}));
-        QCOMPARE(snapshot.cacheOrder, (QList<QString>{path, other}));
-
-        const QPixmap found = fixture.worker->getCachedImage(path, large, 1.0, Stretch);
-        QCOMPARE(found.size(), large.size());
-        QCOMPARE(found.cacheKey(), fixture.receiver.reports.at(0).pixmap.cacheKey());
-        COMPARE_LOG(recorder, {debug(lookupLine(path, QStringLiteral("QRect(0,0 1920x1080)"), QStringLiteral("1"), 0))});
-        // A lookup does not refresh the entry's age.
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{path, other}));
-    }
-
-    void centerEntryIsReturnedForACropLookup()
-    {
-        WorkerFixture fixture;
-        const QString path = m_images.at(6);
-        QVERIFY(fixture.request(path, screen, 1.0, Center));
-        QVERIFY(fixture.waitForReports(1));
-        const QPixmap centered = fixture.receiver.reports.at(0).pixmap;
-
-        LogRecorder recorder;
-        const QPixmap found = fixture.worker->getCachedImage(path, QRect(8, 16, 300, 200), 1.5, Crop);
-        QCOMPARE(found.cacheKey(), centered.cacheKey());
-        // The Center rendering: the small image in the middle of a black canvas.
-        const QImage image = found.toImage();
-        QCOMPARE(image.pixel(0, 0), qRgb(0, 0, 0));
-        QCOMPARE(image.pixel(150, 100), QColor::fromHsv(6 * 30, 200, 220).rgb());
-        COMPARE_LOG(recorder, {debug(lookupLine(path, QStringLiteral("QRect(8,16 300x200)"), QStringLiteral("1.5"), 1))});
-    }
-
+    // Ten entries at most: the worker makes room before it prepares a new
+    // image. A synchronous preparation stores beyond the bound, and the next
+    // image the worker stores restores it.
     void eleventhStoredPathEvictsTheFirst()
     {
         WorkerFixture fixture;
-        for (int i = 0; i < 11; ++i) {
+        for (int i = 0; i < 10; ++i) {
             QVERIFY(fixture.request(m_images.at(i), screen));
-            QVERIFY(fixture.waitForReports(i + 1));
         }
-        const QList<QString> lastTen = m_images.mid(1, 10);
-        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.cacheOrder, lastTen);
-        QCOMPARE(snapshot.cachedPaths, sorted(lastTen));
+        QVERIFY(fixture.waitForReports(10));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(0, 10));
+
+        LogRecorder recorder;
+        const QString eleventh = m_images.at(10);
+        QVERIFY(fixture.request(eleventh, screen));
+        QVERIFY(fixture.waitForReports(11));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(eleventh))),
+                                     debugEntry(logText(LogText::internalProcessing, eleventh)),
+                                     // Before the preparation, not after: nine are left then.
+                                     debugEntry(logText(LogText::eviction, m_images.at(0), LogText::evictionNewSize, 9)),
+                                     debugEntry(logText(LogText::cacheSize, 10, LogText::cacheOrderSize, 10))}));
+        QList<QString> order = m_images.mid(1, 10);
+        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
+        QCOMPARE(snapshot.cacheOrder, order);
+        QCOMPARE(snapshot.cachedPaths, sorted(order));
         QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
         QVERIFY(!fixture.worker->getCachedImage(m_images.at(1), screen, 1.0, Crop).isNull());
 
@@ -401,21 +430,50 @@ private Q_SLOTS:
         // than answered from the cache): moved to the end, nothing evicted.
         const QString again = m_images.at(3);
         const QRect other(0, 0, 256, 192);
-        LogRecorder recorder;
+        recorder.clear();
         QVERIFY(fixture.request(again, other));
         QVERIFY(fixture.waitForReports(12));
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(again, other))), debug(internalLine(again)), debug(sizeLine(10, 10))}));
-
-        QList<QString> expectedOrder = lastTen;
-        expectedOrder.removeOne(again);
-        expectedOrder.append(again);
-        snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.cacheOrder, expectedOrder);
-        QCOMPARE(snapshot.cachedPaths, sorted(lastTen));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(again, other))),
+                                     debugEntry(logText(LogText::internalProcessing, again)),
+                                     debugEntry(logText(LogText::cacheSize, 10, LogText::cacheOrderSize, 10))}));
+        order.removeOne(again);
+        order.append(again);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, order);
         QCOMPARE(fixture.worker->getCachedImage(again, other, 1.0, Crop).size(), other.size());
+
+        recorder.clear();
+        const QString evicted = m_images.at(0);
+        const QPixmap pixmap = fixture.worker->processImageSynchronously(evicted, screen, 1.0, Crop);
+        QCOMPARE(pixmap.size(), screen.size());
+        QCOMPARE(pixmap.toImage().pixel(150, 100), QColor::fromHsv(0, 200, 220).rgb());
+        COMPARE_LOG(recorder, {debugEntry(logText(LogText::synchronous, evicted))});
+        order.append(evicted);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, order);
+        QCOMPARE(fixture.worker->getCachedImage(evicted, screen, 1.0, Crop).cacheKey(), pixmap.cacheKey());
+        QVERIFY(fixture.flush());
+        QCOMPARE(fixture.receiver.reports.size(), 12);
+
+        recorder.clear();
+        const QString twelfth = m_images.at(11);
+        QVERIFY(fixture.request(twelfth, screen));
+        QVERIFY(fixture.waitForReports(13));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(twelfth))),
+                                     debugEntry(logText(LogText::internalProcessing, twelfth)),
+                                     // Eleven entries, and room made for one
+                                     // more before the preparation: nine.
+                                     debugEntry(logText(LogText::eviction, order.at(0), LogText::evictionNewSize, 10)),
+                                     debugEntry(logText(LogText::eviction, order.at(1), LogText::evictionNewSize, 9)),
+                                     debugEntry(logText(LogText::cacheSize, 10, LogText::cacheOrderSize, 10))}));
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, order.mid(2) << twelfth);
     }
 
-    void lowerCapacityEvictsTheOldestAtOnce()
+    // A lower capacity evicts the oldest entries at once, and a new image
+    // makes room before its preparation. The slides the show needs stay,
+    // though older than an entry it no longer wants: a new look-ahead
+    // displaces the stale entry, not the slide a fade is leaving.
+    void evictionSparesTheWantedSlides()
     {
         WorkerFixture fixture;
         for (int i = 0; i < 5; ++i) {
@@ -426,133 +484,72 @@ private Q_SLOTS:
 
         LogRecorder recorder;
         fixture.worker->setCacheCapacity(3);
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(evictionLine(m_images.at(0), 4)), debug(evictionLine(m_images.at(1), 3))}));
-        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.capacity, 3);
-        QCOMPARE(snapshot.cacheOrder, m_images.mid(2, 3));
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::eviction, m_images.at(0), LogText::evictionNewSize, 4)),
+                                     debugEntry(logText(LogText::eviction, m_images.at(1), LogText::evictionNewSize, 3))}));
+        QCOMPARE(snapshotOf(fixture.worker).capacity, 3);
+        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(2, 3));
 
-        // The next image evicts the oldest of the three.
+        // Without wishes the next image evicts the oldest of the three.
         recorder.clear();
         QVERIFY(fixture.request(m_images.at(5), screen));
         QVERIFY(fixture.waitForReports(6));
         COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(m_images.at(5)))),
-                                     debug(internalLine(m_images.at(5))),
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(m_images.at(5)))),
+                                     debugEntry(logText(LogText::internalProcessing, m_images.at(5))),
                                      // Room is made before the preparation
                                      // starts: two are left then.
-                                     debug(evictionLine(m_images.at(2), 2)),
-                                     debug(sizeLine(3, 3))}));
+                                     debugEntry(logText(LogText::eviction, m_images.at(2), LogText::evictionNewSize, 2)),
+                                     debugEntry(logText(LogText::cacheSize, 3, LogText::cacheOrderSize, 3))}));
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, m_images.mid(3, 3));
 
-        // Back to ten (and never beyond it, nor below one).
-        fixture.worker->setCacheCapacity(50);
-        QCOMPARE(snapshotOf(fixture.worker).capacity, 10);
-        fixture.worker->setCacheCapacity(0);
-        QCOMPARE(snapshotOf(fixture.worker).capacity, 1);
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{m_images.at(5)});
-    }
-
-    // The slides the show needs stay, though older than an entry it no
-    // longer wants: a new look-ahead displaces the stale entry, not the
-    // slide a fade is leaving.
-    void evictionSparesTheWantedSlides()
-    {
-        WorkerFixture fixture;
-        fixture.worker->setCacheCapacity(3);
-        const QString previous = m_images.at(0);
-        const QString current = m_images.at(1);
-        const QString stale = m_images.at(2);
-        const QString next = m_images.at(3);
-        for (const QString &path : {previous, current, stale}) {
-            QVERIFY(fixture.request(path, screen));
-        }
-        QVERIFY(fixture.waitForReports(3));
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, stale}));
-
+        const QString previous = m_images.at(3);
+        const QString current = m_images.at(4);
+        const QString stale = m_images.at(5);
+        const QString next = m_images.at(6);
         fixture.worker->setWantedImages({current, next, previous});
-        LogRecorder recorder;
+        recorder.clear();
         QVERIFY(fixture.request(next, screen));
-        QVERIFY(fixture.waitForReports(4));
+        QVERIFY(fixture.waitForReports(7));
         COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(next))), debug(internalLine(next)), debug(evictionLine(stale, 2)), debug(sizeLine(3, 3))}));
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(next))),
+                                     debugEntry(logText(LogText::internalProcessing, next)),
+                                     debugEntry(logText(LogText::eviction, stale, LogText::evictionNewSize, 2)),
+                                     debugEntry(logText(LogText::cacheSize, 3, LogText::cacheOrderSize, 3))}));
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
 
         // A request for a slide the show has passed is skipped unprepared.
         recorder.clear();
         QVERIFY(fixture.request(stale, screen));
         QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.reports.size(), 4);
-        COMPARE_LOG(
-            recorder,
-            (QList<LogEntry>{debug(settingLine(key(stale))),
-                             debug(internalLine(stale)),
-                             debug(QStringLiteral("ImageCacheWorker: the show has passed this slide, skipped without processing: ") + quoted(key(stale)))}));
+        QCOMPARE(fixture.receiver.reports.size(), 7);
+        COMPARE_LOG(recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(stale))),
+                                     debugEntry(logText(LogText::internalProcessing, stale)),
+                                     debugEntry(logText(LogText::skippedPassed, key(stale)))}));
 
         // An image nobody wants, while every entry is wanted, does not take
         // a wanted slide's place.
         QCOMPARE(fixture.worker->processImageSynchronously(stale, screen, 1.0, Crop).size(), screen.size());
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
 
-        // A lower capacity spares them too; without wishes the oldest goes.
+        // A lower capacity spares them too; without wishes the oldest go.
         fixture.worker->setCacheCapacity(2);
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
         fixture.worker->setWantedImages({});
-        fixture.worker->setCacheCapacity(1);
+        // Never more than ten, nor less than one.
+        fixture.worker->setCacheCapacity(50);
+        QCOMPARE(snapshotOf(fixture.worker).capacity, 10);
+        fixture.worker->setCacheCapacity(0);
+        QCOMPARE(snapshotOf(fixture.worker).capacity, 1);
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{next});
     }
 
-    void eleventhImageLogsTheEvictionAndTheSizes()
-    {
-        WorkerFixture fixture;
-        for (int i = 0; i < 10; ++i) {
-            QVERIFY(fixture.request(m_images.at(i), screen));
-        }
-        QVERIFY(fixture.waitForReports(10));
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder.size(), 10);
-
-        LogRecorder recorder;
-        const QString eleventh = m_images.at(10);
-        QVERIFY(fixture.request(eleventh, screen));
-        QVERIFY(fixture.waitForReports(11));
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(eleventh))),
-                                     debug(internalLine(eleventh)),
-                                     // The oldest leaves before the new image is
-                                     // prepared, not after: nine are left then.
-                                     debug(evictionLine(m_images.at(0), 9)),
-                                     debug(sizeLine(10, 10))}));
-        // Literally, as the log shows it.
-        QCOMPARE(recorder.slideShowEntries().at(2).text,
-                 QStringLiteral("ImageCacheWorker: The size of the cache is exceeded, the removal of the oldest image: \"%1\" . New size of the cache: 9")
-                     .arg(m_images.at(0)));
-        QCOMPARE(recorder.slideShowEntries().at(3).text, QStringLiteral("ImageCacheWorker: The current size of the cache: 10 . Cache order size: 10"));
-    }
-
-    void clearingWithNothingPendingDoesNotWait()
-    {
-        WorkerFixture fixture;
-        QVERIFY(fixture.request(m_images.at(0), screen));
-        QVERIFY(fixture.request(m_images.at(1), screen));
-        QVERIFY(fixture.waitForReports(2));
-        QCOMPARE(snapshotOf(fixture.worker).cachedPaths.size(), 2);
-
-        LogRecorder recorder;
-        fixture.worker->clearAllCacheData();
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
-                                     debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
-        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QVERIFY(snapshot.cachedPaths.isEmpty());
-        QVERIFY(snapshot.cacheOrder.isEmpty());
-        QVERIFY(snapshot.pendingRequests.isEmpty());
-        QCOMPARE(snapshot.generation, 1u);
-        QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
-
-        // Still usable: the next request is queued and prepared again.
-        QVERIFY(fixture.request(m_images.at(0), screen));
-        QVERIFY(fixture.waitForReports(3));
-    }
-
+    // Like setProperty: a new directory (a clearing and a request), then a
+    // new mode (a clearing and the same request again), all while requests
+    // wait behind a call that holds the worker's thread. The clearings
+    // return at once; the outdated requests are skipped without a decode or
+    // a report, and only the one made in the new mode is prepared.
     void clearingSkipsQueuedRequestsWithoutDecodingThem()
     {
         WorkerFixture fixture;
@@ -560,152 +557,54 @@ private Q_SLOTS:
         QVERIFY(fixture.waitForReports(1));
         QCOMPARE(snapshotOf(fixture.worker).preparationsStarted, 1);
 
-        // Two requests queue up behind a call that holds the worker's
-        // thread; the clearing returns while they are still queued.
         ThreadBlocker blocker(fixture.worker);
         QVERIFY(blocker.waitUntilHolding());
         QVERIFY(fixture.request(m_images.at(1), screen));
         QVERIFY(fixture.request(m_images.at(2), screen));
 
         LogRecorder recorder;
+        const LogEntry cleaningStarted = debugEntry(QLatin1String(LogText::cleaningStarted));
+        const LogEntry cleaningDone = debugEntry(QLatin1String(LogText::cleaningDone));
         fixture.worker->clearAllCacheData();
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(QStringLiteral("ImageCacheWorker: the cleaning of all cache data is initiated.")),
-                                     debug(QStringLiteral("ImageCacheWorker: All cache data are cleaned."))}));
+        COMPARE_LOG(recorder, (QList<LogEntry>{cleaningStarted, cleaningDone}));
         WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
+        QVERIFY(snapshot.cacheOrder.isEmpty());
         QVERIFY(snapshot.pendingRequests.isEmpty());
         QCOMPARE(snapshot.generation, 1u);
+        QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
 
         // The same key asked again after the clearing is a new request.
+        const QString path = m_images.at(2);
         recorder.clear();
-        QVERIFY(fixture.request(m_images.at(2), screen));
-        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(m_images.at(2))});
-
-        blocker.release();
-        QVERIFY(fixture.waitForReports(2));
-        QVERIFY(fixture.flush());
-        // The two old requests were skipped without a decode and without a
-        // report; the new one was prepared once.
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(m_images.at(2)))),
-                                     debug(internalLine(m_images.at(1))),
-                                     debug(skippedLine(key(m_images.at(1)))),
-                                     debug(internalLine(m_images.at(2))),
-                                     debug(skippedLine(key(m_images.at(2)))),
-                                     debug(internalLine(m_images.at(2))),
-                                     debug(sizeLine(1, 1))}));
-        snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.preparationsStarted, 2);
-        QCOMPARE(snapshot.cachedPaths, QStringList{m_images.at(2)});
-        QVERIFY(snapshot.pendingRequests.isEmpty());
-        QCOMPARE(fixture.receiver.reports.size(), 2);
-        QCOMPARE(fixture.receiver.reports.at(1).path, m_images.at(2));
-    }
-
-    void modeChangeAfterADirectoryChangeShowsTheNewMode()
-    {
-        // Like setProperty: a new directory (a clearing and a request), then
-        // a new mode (a clearing and the same request again), all while the
-        // worker's thread is busy. Both requests have the same key; only
-        // the one made in the new mode may be prepared and stored.
-        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("small.png"), QSize(20, 10), Qt::red);
-        WorkerFixture fixture;
-        ThreadBlocker blocker(fixture.worker);
-        QVERIFY(blocker.waitUntilHolding());
-        fixture.worker->clearAllCacheData();
         QVERIFY(fixture.request(path, screen, 1.0, Stretch));
+        QCOMPARE(snapshotOf(fixture.worker).pendingRequests, QSet<QString>{key(path)});
         fixture.worker->clearAllCacheData();
         QVERIFY(fixture.request(path, screen, 1.0, Center));
+        const LogEntry queued = debugEntry(logText(LogText::queued, key(path)));
+        COMPARE_LOG(recorder, (QList<LogEntry>{queued, cleaningStarted, cleaningDone, queued}));
+
+        recorder.clear();
         blocker.release();
-        QVERIFY(fixture.waitForReports(1));
+        QVERIFY(fixture.waitForReports(2));
         QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.reports.size(), 1);
-        QCOMPARE(snapshotOf(fixture.worker).preparationsStarted, 1);
+        const LogEntry otherInternal = debugEntry(logText(LogText::internalProcessing, m_images.at(1)));
+        const LogEntry otherSkipped = debugEntry(logText(LogText::skippedCleaned, key(m_images.at(1))));
+        const LogEntry internal = debugEntry(logText(LogText::internalProcessing, path));
+        const LogEntry skipped = debugEntry(logText(LogText::skippedCleaned, key(path)));
+        const LogEntry size = debugEntry(logText(LogText::cacheSize, 1, LogText::cacheOrderSize, 1));
+        COMPARE_LOG(recorder, (QList<LogEntry>{otherInternal, otherSkipped, internal, skipped, internal, skipped, internal, size}));
+        snapshot = snapshotOf(fixture.worker);
+        QCOMPARE(snapshot.preparationsStarted, 2);
+        QCOMPARE(snapshot.generation, 2u);
+        QCOMPARE(snapshot.cachedPaths, QStringList{path});
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+        QCOMPARE(fixture.receiver.reports.size(), 2);
+        QCOMPARE(fixture.receiver.reports.at(1).path, path);
         // Centred on black, not stretched over the whole screen.
         const QImage shown = fixture.worker->getCachedImage(path, screen, 1.0, Center).toImage();
-        QCOMPARE(shown.pixel(150, 100), qRgb(255, 0, 0));
+        QCOMPARE(shown.pixel(150, 100), QColor::fromHsv(2 * 30, 200, 220).rgb());
         QCOMPARE(shown.pixel(10, 10), qRgb(0, 0, 0));
-    }
-
-    void synchronousProcessingWithInvalidGeometryWarns_data()
-    {
-        QTest::addColumn<QRect>("geometry");
-        QTest::addColumn<QString>("printed");
-        QTest::newRow("100 x 100") << QRect(0, 0, 100, 100) << QStringLiteral("QRect(0,0 100x100)");
-        QTest::newRow("128 x 1080 at 20, 10") << QRect(20, 10, 128, 1080) << QStringLiteral("QRect(20,10 128x1080)");
-    }
-
-    void synchronousProcessingWithInvalidGeometryWarns()
-    {
-        QFETCH(QRect, geometry);
-        QFETCH(QString, printed);
-        ImageCacheWorker worker(nullptr);
-        LogRecorder recorder;
-        const QPixmap pixmap = worker.processImageSynchronously(m_images.at(0), geometry, 2.0, Crop);
-        COMPARE_LOG(recorder, {warning(QStringLiteral("ImageCacheWorker: processImageSynchronously called with invalid geometry, pass: ") + printed)});
-        QVERIFY(!pixmap.isNull());
-        QCOMPARE(pixmap.size(), geometry.size());
-        // Not a prepared canvas: the requested ratio is not applied.
-        QCOMPARE(pixmap.devicePixelRatio(), 1.0);
-        QVERIFY(snapshotOf(worker).cachedPaths.isEmpty());
-    }
-
-    void synchronousProcessingReturnsACachedImage()
-    {
-        WorkerFixture fixture;
-        const QString first = m_images.at(0);
-        const QString second = m_images.at(1);
-        QVERIFY(fixture.request(first, screen));
-        QVERIFY(fixture.request(second, screen));
-        QVERIFY(fixture.waitForReports(2));
-
-        LogRecorder recorder;
-        const QPixmap pixmap = fixture.worker->processImageSynchronously(first, QRect(50, 50, 300, 200), 1.0, Crop);
-        QCOMPARE(pixmap.cacheKey(), fixture.receiver.reports.at(0).pixmap.cacheKey());
-        COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: return of a synchronously cached image for: ") + quoted(first))});
-        QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{second, first}));
-        QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.reports.size(), 2);
-    }
-
-    void synchronousProcessingStoresWithoutEviction()
-    {
-        WorkerFixture fixture;
-        for (int i = 0; i < 10; ++i) {
-            QVERIFY(fixture.request(m_images.at(i), screen));
-        }
-        QVERIFY(fixture.waitForReports(10));
-
-        LogRecorder recorder;
-        const QString eleventh = m_images.at(10);
-        const QPixmap pixmap = fixture.worker->processImageSynchronously(eleventh, screen, 1.0, Crop);
-        QCOMPARE(pixmap.size(), screen.size());
-        QCOMPARE(pixmap.toImage().pixel(150, 100), QColor::fromHsv(10 * 30, 200, 220).rgb());
-        COMPARE_LOG(recorder, {debug(QStringLiteral("ImageCacheWorker: Image synchronous processing: ") + quoted(eleventh))});
-
-        WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.cacheOrder, QList<QString>(m_images.mid(0, 11)));
-        QCOMPARE(snapshot.cachedPaths, sorted(m_images.mid(0, 11)));
-        QCOMPARE(fixture.worker->getCachedImage(eleventh, screen, 1.0, Crop).cacheKey(), pixmap.cacheKey());
-        QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.reports.size(), 10);
-
-        // The next insertion by the worker restores the bound.
-        recorder.clear();
-        const QString twelfth = m_images.at(11);
-        QVERIFY(fixture.request(twelfth, screen));
-        QVERIFY(fixture.waitForReports(11));
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(twelfth))),
-                                     debug(internalLine(twelfth)),
-                                     // Eleven entries, and room made for one
-                                     // more before the preparation: nine.
-                                     debug(evictionLine(m_images.at(0), 10)),
-                                     debug(evictionLine(m_images.at(1), 9)),
-                                     debug(sizeLine(10, 10))}));
-        snapshot = snapshotOf(fixture.worker);
-        QCOMPARE(snapshot.cacheOrder, QList<QString>(m_images.mid(2, 10)));
     }
 
     void processingSkipsAnImageCachedMeanwhile()
@@ -728,11 +627,7 @@ private Q_SLOTS:
         const Report report = fixture.receiver.reports.at(0);
         QCOMPARE(report.path, path);
         QCOMPARE(report.pixmap.cacheKey(), prepared.cacheKey());
-        COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(internalLine(path)),
-                                     debug(QStringLiteral("ImageCacheWorker: The image has already been caching (from the other path) with the correct size, "
-                                                          "the passage of internal re -processing: ")
-                                           + quoted(path))}));
+        COMPARE_LOG(recorder, (QList<LogEntry>{debugEntry(logText(LogText::internalProcessing, path)), debugEntry(logText(LogText::fromOtherPath, path))}));
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QCOMPARE(snapshot.cacheOrder, (QList<QString>{other, path}));
         QVERIFY(snapshot.pendingRequests.isEmpty());
@@ -741,60 +636,56 @@ private Q_SLOTS:
     void unreadableFileIsStoredBlackAndReported_data()
     {
         QTest::addColumn<QString>("fileName");
-        QTest::addColumn<bool>("create");
-        QTest::newRow("text named like an image") << QStringLiteral("broken.png") << true;
-        QTest::newRow("empty file") << QStringLiteral("empty.jpg") << false;
+        // Null for a file that does not exist.
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("text named like an image") << QStringLiteral("broken.png") << QByteArray("this is not an image\n");
+        QTest::newRow("empty file") << QStringLiteral("empty.jpg") << QByteArray("");
+        QTest::newRow("missing file") << QStringLiteral("missing.jpg") << QByteArray();
     }
 
+    // An unreadable file is stored and reported black, with a warning. One
+    // deleted since the folder was listed is no unreadable image: the worker
+    // says it is gone, without a black slide or a warning.
     void unreadableFileIsStoredBlackAndReported()
     {
         QFETCH(QString, fileName);
-        QFETCH(bool, create);
+        QFETCH(QByteArray, content);
         const QString path = m_dir.filePath(fileName);
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        if (create) {
-            file.write("this is not an image\n");
+        if (!content.isNull()) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            QCOMPARE(file.write(content), content.size());
         }
-        file.close();
 
         WorkerFixture fixture;
         LogRecorder recorder;
         QVERIFY(fixture.request(path, screen, 1.5, Crop));
-        QVERIFY(fixture.waitForReports(1));
+        QVERIFY(fixture.flush());
+        const QList<LogEntry> prepared{debugEntry(logText(LogText::queued, key(path))), debugEntry(logText(LogText::internalProcessing, path))};
+        if (content.isNull()) {
+            QCOMPARE(fixture.receiver.gone, QStringList{path});
+            QVERIFY(fixture.receiver.reports.isEmpty());
+            COMPARE_LOG(recorder, prepared);
+            QVERIFY(snapshotOf(fixture.worker).cachedPaths.isEmpty());
+            QVERIFY(snapshotOf(fixture.worker).pendingRequests.isEmpty());
+            // Asked directly, it is still an unreadable file.
+            recorder.clear();
+            QCOMPARE(fixture.worker->cachedImage(path, screen, 1.0, Crop).toImage().pixel(10, 10), qRgb(0, 0, 0));
+            COMPARE_LOG(recorder, {warningEntry(TestUtils::loadWarning(path))});
+            return;
+        }
+        QCOMPARE(fixture.receiver.reports.size(), 1);
+        QVERIFY(fixture.receiver.gone.isEmpty());
         const QPixmap pixmap = fixture.receiver.reports.at(0).pixmap;
         QCOMPARE(pixmap.size(), screen.size());
         QCOMPARE(pixmap.devicePixelRatio(), 1.5);
         QCOMPARE(pixmap.toImage().pixel(150, 100), qRgb(0, 0, 0));
         QCOMPARE(pixmap.toImage().pixel(0, 0), qRgb(0, 0, 0));
         COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(key(path))),
-                                     debug(internalLine(path)),
-                                     warning(quoted(QStringLiteral("ImageCacheWorker: It was not possible to load the original image: %1 ").arg(path))),
-                                     debug(sizeLine(1, 1))}));
+                    prepared
+                        + QList<LogEntry>{warningEntry(TestUtils::loadWarning(path)), debugEntry(logText(LogText::cacheSize, 1, LogText::cacheOrderSize, 1))});
         QCOMPARE(snapshotOf(fixture.worker).cachedPaths, QStringList{path});
         QCOMPARE(fixture.worker->getCachedImage(path, screen, 1.5, Crop).cacheKey(), pixmap.cacheKey());
-    }
-
-    // A file deleted since the folder was listed is no unreadable image: the
-    // worker says it is gone, without a black slide or a warning.
-    void missingFileIsReportedGone()
-    {
-        const QString path = m_dir.filePath(QStringLiteral("missing.jpg"));
-        WorkerFixture fixture;
-        LogRecorder recorder;
-        QVERIFY(fixture.request(path, screen, 1.5, Crop));
-        QVERIFY(fixture.flush());
-        QCOMPARE(fixture.receiver.gone, QStringList{path});
-        QVERIFY(fixture.receiver.reports.isEmpty());
-        COMPARE_LOG(recorder, (QList<LogEntry>{debug(settingLine(key(path))), debug(internalLine(path))}));
-        const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
-        QVERIFY(snapshot.cachedPaths.isEmpty());
-        QVERIFY(snapshot.pendingRequests.isEmpty());
-        // Asked directly, it is still an unreadable file.
-        recorder.clear();
-        QCOMPARE(fixture.worker->cachedImage(path, screen, 1.0, Crop).toImage().pixel(10, 10), qRgb(0, 0, 0));
-        COMPARE_LOG(recorder, {warning(TestUtils::loadWarning(path))});
     }
 
     void nullResultIsReportedButNotStored()
@@ -813,9 +704,9 @@ private Q_SLOTS:
         QCOMPARE(report.path, path);
         QVERIFY(report.pixmap.isNull());
         COMPARE_LOG(recorder,
-                    (QList<LogEntry>{debug(settingLine(path + QStringLiteral("|70000000x200"))),
-                                     debug(internalLine(path)),
-                                     warning(QStringLiteral("ImageCacheWorker: The processed image is equal to NULL for the way: ") + quoted(path))}));
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(path, absurd))),
+                                     debugEntry(logText(LogText::internalProcessing, path)),
+                                     warningEntry(logText(LogText::nullImage, path))}));
         const WorkerSnapshot snapshot = snapshotOf(fixture.worker);
         QVERIFY(snapshot.cachedPaths.isEmpty());
         QVERIFY(snapshot.cacheOrder.isEmpty());
@@ -823,23 +714,150 @@ private Q_SLOTS:
         QVERIFY(snapshot.pendingRequests.isEmpty());
     }
 
-    void workerIsDeletedInItsOwnThreadWhenTheThreadFinishes()
+    // Preparations that do not finish: a read that hangs inside the kernel (a
+    // named pipe with a writer but no data), a file delivered slowly, and a
+    // JPEG that would take a decoder minutes. The caller never waits for them:
+    // a clearing returns while the worker is still held, the old preparation is
+    // neither stored nor reported, and the reading of an unwanted or too slow
+    // image ends early. The tests hold the worker in a read that they release
+    // only after their assertions (or on their own after a while, so that a
+    // worker that does wait makes the test fail instead of hang).
+    void clearingReturnsWhileAPreparationHangs()
     {
-        LogRecorder recorder;
+        const QString pipe = makePipe(QStringLiteral("hanging.png"));
+        if (pipe.isEmpty()) {
+            QSKIP("named pipes are not available here");
+        }
+        const QByteArray pipeName = QFile::encodeName(pipe);
+
         WorkerFixture fixture;
-        const QPointer<ImageCacheWorker> guard(fixture.worker);
+        ImageCacheWorker *worker = fixture.worker;
         QVERIFY(fixture.request(m_images.at(0), screen));
         QVERIFY(fixture.waitForReports(1));
-        QVERIFY(!guard.isNull());
-        QCOMPARE(fixture.destroyedIn.load(), nullptr);
-        recorder.clear();
+        // Ended before the closing qInfo, which it would record unseen.
+        std::optional<LogRecorder> recorder(std::in_place);
 
-        fixture.thread.quit();
-        QVERIFY(fixture.thread.wait(asyncTimeout));
-        QVERIFY(guard.isNull());
-        QCOMPARE(fixture.destroyedIn.load(), &fixture.thread);
-        // The destructor logs nothing.
-        QVERIFY(recorder.slideShowEntries().isEmpty());
+        QVERIFY(worker->requestProcessImage(pipe, screen, 1.0, Crop));
+        const int writer = holdReaderInRead(pipeName, TestUtils::asyncTimeout);
+        QVERIFY(writer >= 0);
+        // Released by the test below, or after 20 s by itself.
+        PipeReleaser hold(pipeName, 20000, writer, &fixture.thread);
+
+        QElapsedTimer timer;
+        timer.start();
+        worker->clearAllCacheData();
+        const qint64 clearing = timer.elapsed();
+        // Returned while the worker is still in its read.
+        QVERIFY(!hold.released());
+        // The state above is the proof; the bound, far below the hold's 20 s,
+        // only keeps a slow return from passing unseen.
+        QVERIFY2(clearing < 5000, qPrintable(QString::number(clearing)));
+        WorkerSnapshot snapshot = snapshotOf(worker);
+        QVERIFY(snapshot.cachedPaths.isEmpty());
+        QVERIFY(snapshot.cacheOrder.isEmpty());
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+
+        // A new request is recorded at once, and served once the worker is
+        // free; a lookup does not wait either.
+        timer.restart();
+        QVERIFY(fixture.request(m_images.at(1), screen));
+        QVERIFY(worker->getCachedImage(m_images.at(1), screen, 1.0, Crop).isNull());
+        QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(!hold.released());
+        QCOMPARE(snapshotOf(worker).pendingRequests, QSet<QString>{key(m_images.at(1))});
+        QCOMPARE(fixture.receiver.reports.size(), 1);
+
+        hold.release();
+        QVERIFY(fixture.waitForReports(2));
+        QVERIFY(fixture.flush());
+        // Only the new request was reported and stored; the old preparation
+        // ended without a word but the line that drops it.
+        QCOMPARE(fixture.receiver.reports.size(), 2);
+        QCOMPARE(fixture.receiver.reports.at(1).path, m_images.at(1));
+        snapshot = snapshotOf(worker);
+        QCOMPARE(snapshot.cachedPaths, QStringList{m_images.at(1)});
+        QVERIFY(snapshot.pendingRequests.isEmpty());
+        COMPARE_LOG(*recorder,
+                    (QList<LogEntry>{debugEntry(logText(LogText::queued, key(pipe))),
+                                     debugEntry(logText(LogText::internalProcessing, pipe)),
+                                     debugEntry(QLatin1String(LogText::cleaningStarted)),
+                                     debugEntry(QLatin1String(LogText::cleaningDone)),
+                                     debugEntry(logText(LogText::queued, key(m_images.at(1)))),
+                                     debugEntry(logText(LogText::droppedCleaned, pipe)),
+                                     debugEntry(logText(LogText::internalProcessing, m_images.at(1))),
+                                     debugEntry(logText(LogText::cacheSize, 1, LogText::cacheOrderSize, 1))}));
+        recorder.reset();
+        qInfo("the clearing returned after %lld ms while the worker hung", clearing);
+    }
+
+    void outdatedPreparationStopsReadingSoon()
+    {
+        const QString pipe = makePipe(QStringLiteral("slow.png"));
+        if (pipe.isEmpty()) {
+            QSKIP("named pipes are not available here");
+        }
+        // A noisy picture whose file would take 10 s to arrive: 100 pieces,
+        // one every 100 ms.
+        const QByteArray png = noisyPng(QSize(400, 300));
+        QVERIFY(png.size() > 100000);
+
+        WorkerFixture fixture;
+        std::optional<LogRecorder> recorder(std::in_place);
+        QVERIFY(fixture.worker->requestProcessImage(pipe, screen, 1.0, Crop));
+        SlowFeeder feeder(QFile::encodeName(pipe), png, 100, 100);
+        // Once the worker is reading, a clearing makes its work outdated.
+        QTRY_VERIFY_WITH_TIMEOUT(feeder.started(), TestUtils::asyncTimeout);
+        QTest::qWait(300);
+        const qint64 clearedAt = millisecondsSince(feeder.startTime());
+        fixture.worker->clearAllCacheData();
+
+        QTRY_VERIFY_WITH_TIMEOUT(feeder.readerLeft(), TestUtils::asyncTimeout);
+        const qint64 afterClearing = feeder.readerLeftAt() - clearedAt;
+        // The file would have taken 10 s; the reader left within a second or
+        // so of the clearing (a wide margin for loaded machines).
+        QVERIFY2(afterClearing < 5000, qPrintable(QString::number(afterClearing)));
+        QVERIFY(fixture.flush());
+        QVERIFY(fixture.receiver.reports.isEmpty());
+        QVERIFY(snapshotOf(fixture.worker).cachedPaths.isEmpty());
+        QCOMPARE(recorder->count(logText(LogText::droppedCleaned, pipe)), 1);
+        QVERIFY(recorder->texts(QtWarningMsg).isEmpty());
+        recorder.reset();
+        qInfo("the reader left %lld ms after the clearing, %lld ms into a delivery of 10000 ms", afterClearing, feeder.readerLeftAt());
+    }
+
+    void slowJpegEndsByTheTimeBudget()
+    {
+        // 100,000 scans over a 4096 x 4096 picture: minutes for a decoder.
+        const QString path = TestUtils::writeManyScanJpeg(m_dir.path(), QStringLiteral("many-scans.jpg"), 4096, 100000);
+        QVERIFY(!path.isEmpty());
+
+        WorkerFixture fixture;
+        std::optional<LogRecorder> recorder(std::in_place);
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(fixture.request(path, screen));
+        QTRY_VERIFY_WITH_TIMEOUT(!fixture.receiver.reports.isEmpty(), 120000);
+        const qint64 elapsed = timer.elapsed();
+        // The budget is 10 s of the worker's processor time, so at least as
+        // long on the clock; what follows it (the decoder finishing on the
+        // truncated input) is short. The bound leaves room for a loaded
+        // machine; a full decode takes over two minutes.
+        QVERIFY2(elapsed >= ImageCacheWorker::preparationBudget - 100, qPrintable(QString::number(elapsed)));
+        QVERIFY2(elapsed < 60000, qPrintable(QString::number(elapsed)));
+
+        // An unreadable file: a black slide with the load warning, never the
+        // half-decoded picture.
+        const Report &report = fixture.receiver.reports.at(0);
+        QCOMPARE(report.path, path);
+        QCOMPARE(report.pixmap.size(), screen.size());
+        const QImage shown = report.pixmap.toImage();
+        QCOMPARE(shown.pixel(10, 10), qRgb(0, 0, 0));
+        QCOMPARE(shown.pixel(150, 100), qRgb(0, 0, 0));
+        QCOMPARE(recorder->texts(QtWarningMsg),
+                 (QStringList{logText(givenUp, ImageCacheWorker::preparationBudget, givenUpBudget, ImageCacheWorker::preparationTimeLimit, givenUpLimit, path),
+                              TestUtils::loadWarning(path)}));
+        recorder.reset();
+        qInfo("the preparation ended after %lld ms", elapsed);
     }
 
     void concurrentUseKeepsTheCacheConsistent()
@@ -861,10 +879,7 @@ private Q_SLOTS:
             paths.append(TestUtils::writeSolidImage(m_dir.path(), name, QSize(40, 30), QColor::fromHsv((i * 12) % 360, 255, 255)));
         }
         const QSet<QString> pathSet(paths.cbegin(), paths.cend());
-        QList<QSize> sizes;
-        for (const QRect &geometry : geometries) {
-            sizes.append(geometry.size());
-        }
+        const QList<QSize> sizes = {geometries.at(0).size(), geometries.at(1).size(), geometries.at(2).size()};
 
         // Debug off: thousands of lines would only slow the run. Warnings
         // are still recorded, and none is expected.
@@ -930,6 +945,7 @@ private Q_SLOTS:
                 acceptedSinceClearing = 0;
                 const WorkerSnapshot snapshot = snapshotOf(worker);
                 QVERIFY(snapshot.cachedPaths.isEmpty());
+                QVERIFY(snapshot.cacheOrder.isEmpty());
                 QVERIFY(snapshot.pendingRequests.isEmpty());
                 QCOMPARE(snapshot.generation, quint64(clearings));
             }
@@ -974,19 +990,8 @@ private Q_SLOTS:
         QVERIFY(accepted > 0);
         QVERIFY2(recorder->texts(QtWarningMsg).isEmpty(), qPrintable(recorder->texts(QtWarningMsg).join(QLatin1Char('\n'))));
 
-        worker->clearAllCacheData();
-        const WorkerSnapshot cleared = snapshotOf(worker);
-        QVERIFY(cleared.cachedPaths.isEmpty());
-        QVERIFY(cleared.cacheOrder.isEmpty());
-        QVERIFY(cleared.pendingRequests.isEmpty());
-        QCOMPARE(cleared.generation, quint64(clearings + 1));
         recorder.reset();
-        qInfo("%d operations in %lld ms: %d requests queued, %d reports, %d lookups found an image",
-              operations,
-              timer.elapsed(),
-              accepted,
-              int(fixture.receiver.reports.size()),
-              hits);
+        qInfo("%d operations in %lld ms: %d queued, %d reports, %d hits", operations, timer.elapsed(), accepted, int(fixture.receiver.reports.size()), hits);
     }
 };
 
