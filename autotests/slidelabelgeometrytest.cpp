@@ -11,22 +11,13 @@
 // many pixels as the screen is shown pixel for pixel in Crop and Stretch;
 // Center and Tile show an image at its logical size.
 
-#include "imagecache/imagecacheworker.h"
-#include "slidelabel/slidelabel.h"
-#include "slidelabel/slidelabel_p.h"
 #include "slidelabeltesthelpers.h"
-#include "testutils.h"
 
-#include <QApplication>
-#include <QDir>
-#include <QImage>
-#include <QPainter>
 #include <QPixmap>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <cmath>
-#include <memory>
 
 using namespace Dm::ScreenSaver;
 using namespace SlideLabelTest;
@@ -34,6 +25,9 @@ using TestUtils::LogRecorder;
 
 namespace
 {
+// Whole numbers of pixels at every ratio tried.
+const QSize labelSize(640, 480);
+
 double expectedRatio()
 {
     bool ok = false;
@@ -61,22 +55,26 @@ private:
     QTemporaryDir m_dir;
     QString m_image;
 
-    // The ratio of this run, checked against the one that the platform gives.
-    bool checkRatio()
+    // Shows the image alone in a label, in the mode, and returns what the
+    // label shows (null on a failure), and the size of its slide.
+    QImage showAlone(const QImage &image, Position mode, QSize *slideSize = nullptr)
     {
-        QWidget probe;
-        const double actual = probe.devicePixelRatioF();
-        if (qFuzzyCompare(actual, expectedRatio())) {
-            return true;
+        QTemporaryDir dir;
+        const QString path = TestUtils::writeImage(dir.path(), QStringLiteral("image.png"), image);
+        auto label = shownLabel(labelSize);
+        if (!label) {
+            return QImage();
         }
-        if (expectedRatio() != std::floor(expectedRatio())) {
-            QTest::qSkip(qPrintable(QStringLiteral("the platform gives the ratio %1 instead of the fractional %2").arg(actual).arg(expectedRatio())),
-                         __FILE__,
-                         __LINE__);
-            return false;
+        label->setPosition(mode);
+        if (!setDirAndWait(*label, dir.path()) || !QTest::qWaitFor([&] {
+                return !inspect(label).slide(path).isNull();
+            })) {
+            return QImage();
         }
-        QTest::qFail(qPrintable(QStringLiteral("the ratio is %1, expected %2").arg(actual).arg(expectedRatio())), __FILE__, __LINE__);
-        return false;
+        if (slideSize) {
+            *slideSize = inspect(label).slide(path).size();
+        }
+        return label->grab().toImage();
     }
 
 private Q_SLOTS:
@@ -85,6 +83,19 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
         TestUtils::setSlideShowDebugEnabled(true);
         m_image = TestUtils::writeImage(m_dir.path(), QStringLiteral("slide.png"), patternImage(QSize(64, 36)));
+    }
+
+    // The ratio of this run, checked against the one that the platform gives.
+    void init()
+    {
+        const double actual = QWidget().devicePixelRatioF();
+        if (qFuzzyCompare(actual, expectedRatio())) {
+            return;
+        }
+        if (expectedRatio() != std::floor(expectedRatio())) {
+            QSKIP(qPrintable(QStringLiteral("the platform gives the ratio %1 instead of the fractional %2").arg(actual).arg(expectedRatio())));
+        }
+        QFAIL(qPrintable(QStringLiteral("the ratio is %1, expected %2").arg(actual).arg(expectedRatio())));
     }
 
     void requestsUseTheScreensPixels_data()
@@ -104,9 +115,6 @@ private Q_SLOTS:
         const double ratio = expectedRatio();
         // At 1.5 the first design asked for 960x540 and magnified it.
         const QRect geometry(position, QSize(qRound(size.width() * ratio), qRound(size.height() * ratio)));
-        if (!checkRatio()) {
-            return;
-        }
 
         LogRecorder log;
         QWidget parent;
@@ -122,7 +130,7 @@ private Q_SLOTS:
 
         log.clear();
         QVERIFY(setDirAndWait(*label, m_dir.path()));
-        QCOMPARE(workerRequests(log), QStringList{queued(m_image, geometry.size())});
+        QCOMPARE(requestLines(log), QStringList{TestUtils::logText(LogText::queued, requestKey(m_image, geometry.size()))});
 
         QTRY_VERIFY(!inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Crop).isNull());
         const QPixmap cached = inspect(label).worker()->getCachedImage(m_image, geometry, ratio, Crop);
@@ -154,35 +162,19 @@ private Q_SLOTS:
     void checkerboardIsShownPixelForPixel()
     {
         QFETCH(int, mode);
-        if (!checkRatio()) {
-            return;
-        }
         const double ratio = expectedRatio();
-        // Whole numbers of pixels at every ratio tried.
-        const QSize size(640, 480);
-        const QSize device(qRound(size.width() * ratio), qRound(size.height() * ratio));
+        const QSize device(qRound(labelSize.width() * ratio), qRound(labelSize.height() * ratio));
         QImage board(device, QImage::Format_RGB32);
         for (int y = 0; y < device.height(); ++y) {
             for (int x = 0; x < device.width(); ++x) {
                 board.setPixel(x, y, (x + y) % 2 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
             }
         }
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString path = TestUtils::writeImage(dir.path(), QStringLiteral("board.png"), board);
-
-        LabelPointer label(new SlideLabel);
-        label->resize(size);
-        label->show();
-        QVERIFY(QTest::qWaitForWindowExposed(label.get()));
-        label->setPosition(Position(mode));
-        QVERIFY(setDirAndWait(*label, dir.path()));
-        QTRY_VERIFY(!inspect(label).slide(path).isNull());
-        QCOMPARE(inspect(label).slide(path).size(), device);
-
-        const QImage shown = label->grab().toImage();
+        QSize slide;
+        const QImage shown = showAlone(board, Position(mode), &slide);
+        QCOMPARE(slide, device);
         QCOMPARE(shown.size(), device);
-        const QString difference = firstDifference(shown, board);
+        const QString difference = pictureDifference(shown, board);
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
     }
 
@@ -199,9 +191,6 @@ private Q_SLOTS:
     void centerAndTileShowTheImageAtItsLogicalSize()
     {
         QFETCH(int, mode);
-        if (!checkRatio()) {
-            return;
-        }
         const double ratio = expectedRatio();
         // Red on its left half, blue on its right one.
         QImage halves(40, 30, QImage::Format_RGB32);
@@ -211,19 +200,8 @@ private Q_SLOTS:
                 halves.setPixel(x, y, qRgb(255, 0, 0));
             }
         }
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString path = TestUtils::writeImage(dir.path(), QStringLiteral("halves.png"), halves);
-        const QSize size(640, 480);
-        LabelPointer label(new SlideLabel);
-        label->resize(size);
-        label->show();
-        QVERIFY(QTest::qWaitForWindowExposed(label.get()));
-        label->setPosition(Position(mode));
-        QVERIFY(setDirAndWait(*label, dir.path()));
-        QTRY_VERIFY(!inspect(label).slide(path).isNull());
-        const QImage shown = label->grab().toImage();
-        const int deviceWidth = qRound(size.width() * ratio);
+        const QImage shown = showAlone(halves, Position(mode));
+        const int deviceWidth = qRound(labelSize.width() * ratio);
         QCOMPARE(shown.width(), deviceWidth);
 
         // Along a row through the image: where red and where blue begin.
@@ -276,10 +254,7 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    QApplication app(argc, argv);
-    SlideLabelGeometryTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return TestUtils::runWidgetTest<SlideLabelGeometryTest>(argc, argv);
 }
 
 #include "slidelabelgeometrytest.moc"

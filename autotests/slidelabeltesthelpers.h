@@ -4,8 +4,8 @@
 */
 
 // Helpers shared by the tests of SlideLabel: reading the requests it makes
-// out of the worker's debug lines, holding the worker's thread, counting
-// repaints and computing the rectangle by which the label asks for images.
+// out of the worker's debug lines, counting repaints, waiting for the worker
+// and for a folder's listing, and comparing pictures.
 
 #ifndef ZAV_SLIDELABELTESTHELPERS_H
 #define ZAV_SLIDELABELTESTHELPERS_H
@@ -22,61 +22,43 @@
 #include <QMetaObject>
 #include <QObject>
 #include <QPointer>
-#include <QRect>
+#include <QSize>
 #include <QString>
 #include <QStringList>
 #include <QTest>
 #include <QThread>
-#include <QWidget>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <iterator>
 #include <memory>
-#include <mutex>
 
 namespace SlideLabelTest
 {
-inline QString categoryName()
+// Every call of ImageCacheWorker::requestProcessImage logs exactly one line
+// beginning with one of these, in the calling (GUI) thread.
+const char *const requestTexts[] = {LogText::queued, LogText::alreadyWaiting, LogText::alreadyCached, LogText::invalidRequest};
+
+inline bool isRequestLine(const QString &text)
 {
-    return QString::fromLatin1(LogText::category);
+    return std::any_of(std::begin(requestTexts), std::end(requestTexts), [&text](const char *leading) {
+        return text.startsWith(QLatin1String(leading));
+    });
 }
 
-using TestUtils::entry;
-using TestUtils::quoted;
-
-using TestUtils::deviceGeometry;
-
-// Every call of ImageCacheWorker::requestProcessImage logs exactly one of
-// these lines, in the calling (GUI) thread. Returns one item per call, in
-// order: "queued <key>", "waiting <key>", "cached <path>" or
-// "invalid <rectangle>", where a key is "<path>|<w>x<h>".
-inline QStringList workerRequests(const TestUtils::LogRecorder &log)
+// The key of a request in the worker's lines: "<path>|<w>x<h>".
+inline QString requestKey(const QString &path, const QSize &size)
 {
-    static const struct {
-        const char *prefix;
-        const char *kind;
-        bool quotedValue;
-    } kinds[] = {
-        {"ImageCacheWorker: setting a request for image processing in the queue for: ", "queued", true},
-        {"ImageCacheWorker: the request is already waiting for the way: ", "waiting", true},
-        {"ImageCacheWorker: the image is already caching with the correct size, the request for the request: ", "cached", true},
-        {"ImageCacheWorker: requestProcessimage is called with invalid geometry, pass: ", "invalid", false},
-    };
+    return path + QStringLiteral("|%1x%2").arg(size.width()).arg(size.height());
+}
+
+// The worker's line for each request, in order.
+inline QStringList requestLines(const TestUtils::LogRecorder &log)
+{
     QStringList result;
-    const QList<TestUtils::LogEntry> entries = log.slideShowEntries();
-    for (const TestUtils::LogEntry &logEntry : entries) {
-        for (const auto &kind : kinds) {
-            const QString prefix = QLatin1String(kind.prefix);
-            if (!logEntry.text.startsWith(prefix)) {
-                continue;
-            }
-            QString value = logEntry.text.mid(prefix.size());
-            if (kind.quotedValue && value.size() >= 2 && value.startsWith(QLatin1Char('"')) && value.endsWith(QLatin1Char('"'))) {
-                value = value.mid(1, value.size() - 2);
-            }
-            result.append(QLatin1String(kind.kind) + QLatin1Char(' ') + value);
+    for (const TestUtils::LogEntry &logEntry : log.slideShowEntries()) {
+        if (isRequestLine(logEntry.text)) {
+            result.append(logEntry.text);
         }
     }
     return result;
@@ -86,21 +68,15 @@ inline QStringList workerRequests(const TestUtils::LogRecorder &log)
 inline QStringList requestedPaths(const TestUtils::LogRecorder &log)
 {
     QStringList result;
-    const QStringList requests = workerRequests(log);
-    for (const QString &request : requests) {
-        QString value = request.section(QLatin1Char(' '), 1);
-        const int bar = value.lastIndexOf(QLatin1Char('|'));
-        if (!request.startsWith(QLatin1String("cached ")) && bar >= 0) {
-            value.truncate(bar);
+    for (const QString &line : requestLines(log)) {
+        // The quoted key, or the path alone when the image is cached.
+        QString value = line.section(QLatin1Char('"'), 1, 1);
+        if (!line.startsWith(QLatin1String(LogText::alreadyCached)) && value.contains(QLatin1Char('|'))) {
+            value.truncate(value.lastIndexOf(QLatin1Char('|')));
         }
         result.append(value);
     }
     return result;
-}
-
-inline QString queued(const QString &path, const QSize &size)
-{
-    return QStringLiteral("queued %1|%2x%3").arg(path).arg(size.width()).arg(size.height());
 }
 
 // The lines that the label and the worker log in the GUI thread while the
@@ -109,104 +85,24 @@ inline QString queued(const QString &path, const QSize &size)
 // runs in its own thread and interleaves at random).
 inline QStringList guiFlow(const TestUtils::LogRecorder &log)
 {
-    static const char *const workerPrefixes[] = {
-        "ImageCacheWorker: the cleaning of all cache data is initiated.",
-        "ImageCacheWorker: All cache data are cleaned.",
-        "ImageCacheWorker: setting a request for image processing in the queue for: ",
-        "ImageCacheWorker: the request is already waiting for the way: ",
-        "ImageCacheWorker: the image is already caching with the correct size",
-        "ImageCacheWorker: requestProcessimage is called with invalid geometry",
-    };
     QStringList result;
-    const QList<TestUtils::LogEntry> entries = log.slideShowEntries();
-    for (const TestUtils::LogEntry &logEntry : entries) {
+    for (const TestUtils::LogEntry &logEntry : log.slideShowEntries()) {
+        const QString &text = logEntry.text;
         // A message built as one QString is printed quoted as a whole.
-        bool take = logEntry.text.startsWith(QLatin1String("SlideLabel: ")) || logEntry.text.startsWith(QLatin1String("\"SlideLabel: "));
-        for (const char *prefix : workerPrefixes) {
-            take = take || logEntry.text.startsWith(QLatin1String(prefix));
-        }
-        if (take) {
-            result.append(logEntry.text);
+        if (text.startsWith(QLatin1String("SlideLabel: ")) || text.startsWith(QLatin1String("\"SlideLabel: "))
+            || text == QLatin1String(LogText::cleaningStarted) || text == QLatin1String(LogText::cleaningDone) || isRequestLine(text)) {
+            result.append(text);
         }
     }
     return result;
 }
 
-// Work handed to the worker's thread below is a lambda without captures that
-// finds its data through atomics and locks of this file: the toolkit's own
-// locks, which order a queued call with its caller, are invisible to the
-// thread sanitizer, so data captured here and read there would look unordered.
-
-// Holds the worker's thread inside one queued call until released, so that
-// requests queue up behind it and nothing gets cached meanwhile. The
-// constructor returns once the thread is really held. One blocker at a time.
-class WorkerBlocker
+// Delivers the events posted so far, repaints among them.
+inline void flushEvents()
 {
-public:
-    explicit WorkerBlocker(QObject *worker)
-    {
-        State &s = state();
-        {
-            std::lock_guard<std::mutex> lock(s.mutex);
-            m_id = ++s.posted;
-        }
-        QMetaObject::invokeMethod(
-            worker,
-            [] {
-                State &s = state();
-                std::unique_lock<std::mutex> lock(s.mutex);
-                // Later blockers are posted only after this one held.
-                const int id = s.posted;
-                s.holding = id;
-                s.changed.notify_all();
-                s.changed.wait(lock, [&s, id] {
-                    return s.released >= id;
-                });
-            },
-            Qt::QueuedConnection);
-        std::unique_lock<std::mutex> lock(s.mutex);
-        s.changed.wait_for(lock, std::chrono::seconds(30), [this, &s] {
-            return s.holding == m_id;
-        });
-    }
-    ~WorkerBlocker()
-    {
-        release();
-    }
-    WorkerBlocker(const WorkerBlocker &) = delete;
-    WorkerBlocker &operator=(const WorkerBlocker &) = delete;
-
-    bool isHolding() const
-    {
-        State &s = state();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        return s.holding == m_id && s.released < m_id;
-    }
-    void release()
-    {
-        State &s = state();
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.released = std::max(s.released, m_id);
-        s.changed.notify_all();
-    }
-
-private:
-    // Shared with the queued calls, which may still be on their way out when
-    // a blocker goes; never destroyed before the process ends.
-    struct State {
-        std::mutex mutex;
-        std::condition_variable changed;
-        int posted = 0;
-        int holding = 0;
-        int released = 0;
-    };
-    static State &state()
-    {
-        static State s;
-        return s;
-    }
-    int m_id = 0;
-};
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::processEvents();
+}
 
 // Counts the events of one type that reach an object.
 class EventCounter : public QObject
@@ -223,12 +119,9 @@ public:
     }
 
 protected:
-    bool eventFilter(QObject *watched, QEvent *event) override
+    bool eventFilter(QObject *, QEvent *event) override
     {
-        Q_UNUSED(watched)
-        if (event->type() == m_type) {
-            ++m_count;
-        }
+        m_count += event->type() == m_type ? 1 : 0;
         return false;
     }
 
@@ -243,7 +136,10 @@ private:
 // set instead would race with it: the set is written in place.) The marker
 // also takes a look at the worker's containers in its thread, under their
 // lock, which orders everything the GUI thread did to them before it with
-// whatever the worker's thread does after, its destruction included.
+// whatever the worker's thread does after, its destruction included. It is a
+// lambda without captures that finds its data through atomics: the toolkit's
+// own locks, which order a queued call with its caller, are invisible to the
+// thread sanitizer.
 inline bool waitUntilIdle(Dm::ScreenSaver::ImageCacheWorker *worker)
 {
     static std::atomic<Dm::ScreenSaver::ImageCacheWorker *> target{nullptr};
@@ -262,8 +158,7 @@ inline bool waitUntilIdle(Dm::ScreenSaver::ImageCacheWorker *worker)
             return reached.load() >= expected;
         },
         10000);
-    QCoreApplication::sendPostedEvents();
-    QCoreApplication::processEvents();
+    flushEvents();
     return idle;
 }
 
@@ -308,8 +203,22 @@ struct IdleDeleter {
 };
 using LabelPointer = std::unique_ptr<Dm::ScreenSaver::SlideLabel, IdleDeleter>;
 
-// The first pixel where two images of one size differ, or an empty string.
-inline QString firstDifference(const QImage &actual, const QImage &expected)
+// A label of that size, shown and exposed, or null.
+inline LabelPointer shownLabel(const QSize &size)
+{
+    LabelPointer label(new Dm::ScreenSaver::SlideLabel);
+    label->resize(size);
+    label->show();
+    if (!QTest::qWaitForWindowExposed(label.get())) {
+        return nullptr;
+    }
+    QCoreApplication::processEvents();
+    return label;
+}
+
+// The first pixel where two images differ by more than the fuzz in a
+// premultiplied channel, or an empty string.
+inline QString pictureDifference(const QImage &actual, const QImage &expected, int fuzz = 0)
 {
     if (actual.size() != expected.size()) {
         return QStringLiteral("sizes differ: %1x%2 against %3x%4").arg(actual.width()).arg(actual.height()).arg(expected.width()).arg(expected.height());
@@ -320,7 +229,7 @@ inline QString firstDifference(const QImage &actual, const QImage &expected)
         const QRgb *lineA = reinterpret_cast<const QRgb *>(a.constScanLine(y));
         const QRgb *lineE = reinterpret_cast<const QRgb *>(e.constScanLine(y));
         for (int x = 0; x < a.width(); ++x) {
-            if (lineA[x] != lineE[x]) {
+            if (lineA[x] != lineE[x] && !TestUtils::fuzzyColor(lineA[x], QColor::fromRgba(lineE[x]), fuzz)) {
                 return QStringLiteral("pixel (%1, %2) is %3, expected %4 (premultiplied)")
                     .arg(x)
                     .arg(y)
