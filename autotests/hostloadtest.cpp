@@ -4,17 +4,18 @@
 */
 
 // A host's view of the plug-in: found by its file name, loaded through Qt's
-// plug-in loader and driven only through the shared interface header.
+// plug-in loader and driven only through the shared interface header; and
+// that header on its own.
 
 #include "fusefolder.h"
 #include "host/screensaverinterface.h"
 #include "testutils.h"
 
-#include <QApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QMetaMethod>
 #include <QPluginLoader>
 #include <QPointer>
 #include <QSignalSpy>
@@ -26,6 +27,50 @@
 
 namespace
 {
+// The smallest screensaver a plug-in could offer: every pure operation, and
+// the base's settingWidget.
+class MinimalScreenSaver : public AbstractScreenSaver
+{
+    Q_OBJECT
+public:
+    using AbstractScreenSaver::AbstractScreenSaver;
+    void start() override
+    {
+    }
+    void stop() override
+    {
+    }
+    QString name() override
+    {
+        return QStringLiteral("Minimal");
+    }
+    const QString &settingGroupName() override
+    {
+        return m_group;
+    }
+    void setProperty(QVariantMap property) override
+    {
+        m_property = property;
+    }
+    const QVariantMap &property() const override
+    {
+        return m_property;
+    }
+    const QVariantMap &defaultProperty() const override
+    {
+        return m_property;
+    }
+
+private:
+    QString m_group = QStringLiteral("Minimal");
+    QVariantMap m_property;
+};
+
+class MinimalDialog : public AbstractSettingDialog
+{
+    Q_OBJECT
+};
+
 // What the screen shows in the middle of the host's window.
 QRgb centrePixel(QWidget *window)
 {
@@ -33,9 +78,16 @@ QRgb centrePixel(QWidget *window)
     return image.pixel(image.width() / 2, image.height() / 2);
 }
 
-QString describe(QRgb pixel)
+// A screensaver of the plug-in filling a shown window, as a greeter shows it.
+AbstractScreenSaver *showIn(QWidget *window, AbstractPluginScreenSaverLoader *factory)
 {
-    return QStringLiteral("rgba(%1, %2, %3, %4)").arg(qRed(pixel)).arg(qGreen(pixel)).arg(qBlue(pixel)).arg(qAlpha(pixel));
+    auto *layout = new QVBoxLayout(window);
+    layout->setContentsMargins(0, 0, 0, 0);
+    AbstractScreenSaver *screenSaver = factory->createScreenSaver(window);
+    layout->addWidget(screenSaver);
+    window->resize(320, 240);
+    window->show();
+    return QTest::qWaitForWindowExposed(window) ? screenSaver : nullptr;
 }
 }
 
@@ -48,6 +100,11 @@ private:
     QString m_pluginPath;
     std::unique_ptr<QPluginLoader> m_loader;
     std::unique_ptr<TestUtils::LogRecorder> m_recorder;
+
+    AbstractPluginScreenSaverLoader *factory() const
+    {
+        return m_loader ? qobject_cast<AbstractPluginScreenSaverLoader *>(m_loader->instance()) : nullptr;
+    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -101,50 +158,41 @@ private Q_SLOTS:
         QVERIFY(!m_loader->isLoaded());
     }
 
+    // The one place where the cast to the loader interface is checked: on
+    // the built plug-in, as a host makes it.
     void rootInstanceCastsThroughTheInterfaceIdentifier()
     {
         QVERIFY(m_loader);
         QObject *root = m_loader->instance();
         QVERIFY2(root, qPrintable(m_loader->errorString()));
         QVERIFY(m_loader->isLoaded());
+        QCOMPARE(m_loader->instance(), root);
         QCOMPARE(root->metaObject()->className(), "Dm::ScreenSaver::PluginSlideShowLoader");
+        QCOMPARE(root->metaObject()->superClass()->className(), "AbstractPluginScreenSaverLoader");
         // The module has its own copy of the interface's meta-object, so the
         // class-name chain does not lead to this side's copy; the identifier
         // does.
+        QCOMPARE(qobject_interface_iid<AbstractPluginScreenSaverLoader *>(), "zav-screensaver/0.0");
         QVERIFY(!root->metaObject()->inherits(&AbstractPluginScreenSaverLoader::staticMetaObject));
-        auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(root);
-        QVERIFY(factory);
-        QCOMPARE(m_loader->instance(), root);
+        QCOMPARE(static_cast<QObject *>(qobject_cast<AbstractPluginScreenSaverLoader *>(root)), root);
+        for (const char *name : {"zav-screensaver/0.0", "AbstractPluginScreenSaverLoader", "Dm::ScreenSaver::PluginSlideShowLoader", "QObject"}) {
+            QVERIFY2(root->qt_metacast(name) == root, name);
+        }
+        for (const char *name : {"zav-screensaver/0.1", "NoSuchInterface/1.0", "Dm::ScreenSaver::SlideShow"}) {
+            QVERIFY2(!root->qt_metacast(name), name);
+        }
+        QCOMPARE(root->qt_metacast(nullptr), nullptr);
     }
 
     void screenSaverShowsTheSlidesAndSwitches()
     {
-        QVERIFY(m_loader);
-        auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(m_loader->instance());
-        QVERIFY(factory);
-
+        QVERIFY(factory());
         QWidget window;
-        auto *layout = new QVBoxLayout(&window);
-        layout->setContentsMargins(0, 0, 0, 0);
-        QPointer<AbstractScreenSaver> screenSaver = factory->createScreenSaver(&window);
+        QPointer<AbstractScreenSaver> screenSaver = showIn(&window, factory());
         QVERIFY(screenSaver);
         QCOMPARE(screenSaver->parentWidget(), &window);
-        layout->addWidget(screenSaver);
-        window.resize(320, 240);
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-
         QCOMPARE(screenSaver->name(), QStringLiteral("Slide show"));
-        QCOMPARE(screenSaver->settingGroupName(), QStringLiteral("SlideShow"));
         const QVariantMap defaults = screenSaver->defaultProperty();
-        // Six keys: the subfolders and the order came after the first four.
-        QCOMPARE(defaults.keys(),
-                 (QStringList{QStringLiteral("AutoSwitch"),
-                              QStringLiteral("Effect"),
-                              QStringLiteral("ImageDirectory"),
-                              QStringLiteral("IncludeSubfolders"),
-                              QStringLiteral("Order"),
-                              QStringLiteral("Position")}));
         QCOMPARE(screenSaver->property(), defaults);
 
         const QVariantMap settings{
@@ -152,13 +200,10 @@ private Q_SLOTS:
             {QStringLiteral("AutoSwitch"), 1},
             {QStringLiteral("Effect"), 100},
         };
-        // A host that knows only the first four keys: the others keep their
-        // defaults, and the show is the one those four always gave.
+        // The keys a host leaves out keep their defaults.
         screenSaver->setProperty(settings);
         QVariantMap stored = defaults;
-        for (auto it = settings.cbegin(); it != settings.cend(); ++it) {
-            stored.insert(it.key(), it.value());
-        }
+        stored.insert(settings);
         QCOMPARE(screenSaver->property(), stored);
 
         // Solid images cropped to the screen: every pixel has the image's
@@ -167,36 +212,29 @@ private Q_SLOTS:
         const int fuzz = 2;
         const QColor red(220, 20, 20);
         const QColor green(20, 200, 40);
-        QTRY_VERIFY2_WITH_TIMEOUT(TestUtils::fuzzyColor(centrePixel(&window), red, fuzz), qPrintable(describe(centrePixel(&window))), 10000);
+        QTRY_VERIFY2_WITH_TIMEOUT(TestUtils::fuzzyColor(centrePixel(&window), red, fuzz), qPrintable(QColor(centrePixel(&window)).name()), 10000);
 
         // Started only once the first slide is on screen, so that a slow
         // first fitting cannot skip it.
         screenSaver->start();
-        QTRY_VERIFY2_WITH_TIMEOUT(TestUtils::fuzzyColor(centrePixel(&window), green, fuzz), qPrintable(describe(centrePixel(&window))), 10000);
+        QTRY_VERIFY2_WITH_TIMEOUT(TestUtils::fuzzyColor(centrePixel(&window), green, fuzz), qPrintable(QColor(centrePixel(&window)).name()), 10000);
 
         screenSaver->stop();
-        const QRgb stopped = centrePixel(&window);
-        QVERIFY(TestUtils::fuzzyColor(stopped, green, fuzz));
+        QVERIFY(TestUtils::fuzzyColor(centrePixel(&window), green, fuzz));
 
         delete screenSaver.data();
         QVERIFY(screenSaver.isNull());
-        QVERIFY(window.children().size() == 1); // the layout only
+        QCOMPARE(window.children().size(), 1); // the layout only
     }
 
     void settingsDialogIsReachedBySignature()
     {
-        QVERIFY(m_loader);
-        auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(m_loader->instance());
-        QVERIFY(factory);
+        QVERIFY(factory());
         QWidget window;
-        AbstractScreenSaver *screenSaver = factory->createScreenSaver(&window);
+        AbstractScreenSaver *screenSaver = factory()->createScreenSaver(&window);
         QVERIFY(screenSaver);
-        const QVariantMap settings{
-            {QStringLiteral("ImageDirectory"), m_images.path()},
-            {QStringLiteral("AutoSwitch"), 3},
-            {QStringLiteral("Effect"), 700},
-            {QStringLiteral("Position"), 2},
-        };
+        // A host that knows only the first four keys.
+        const QVariantMap settings = TestUtils::settingsMap(m_images.path(), 3, 700, 2);
         screenSaver->setProperty(settings);
 
         AbstractSettingDialog *dialog = screenSaver->settingWidget();
@@ -232,16 +270,10 @@ private Q_SLOTS:
         TestUtils::writeSolidImage(fuse.backing(), QStringLiteral("a.png"), QSize(64, 48), Qt::red);
         const int threadsBefore = TestUtils::processThreadCount();
         QPointer<QObject> root = m_loader->instance();
-        QVERIFY(root);
-        auto *factory = qobject_cast<AbstractPluginScreenSaverLoader *>(root.data());
-        QVERIFY(factory);
+        QVERIFY(factory());
         auto window = std::make_unique<QWidget>();
-        auto *layout = new QVBoxLayout(window.get());
-        AbstractScreenSaver *screenSaver = factory->createScreenSaver(window.get());
-        layout->addWidget(screenSaver);
-        window->resize(320, 240);
-        window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window.get()));
+        AbstractScreenSaver *screenSaver = showIn(window.get(), factory());
+        QVERIFY(screenSaver);
         fuse.holdReads(true);
         screenSaver->setProperty(TestUtils::settingsMap(fuse.path(), 3600, 0, 1));
         QTRY_VERIFY(fuse.waitingReads() >= 1);
@@ -260,14 +292,95 @@ private Q_SLOTS:
         QVERIFY(maps.open(QIODevice::ReadOnly));
         QVERIFY(maps.readAll().contains(QFile::encodeName(QFileInfo(m_pluginPath).fileName())));
     }
+
+    // The shared interface header on its own.
+    void baseSettingWidgetIsNull()
+    {
+        QWidget parent;
+        MinimalScreenSaver screenSaver(&parent);
+        QCOMPARE(screenSaver.parentWidget(), &parent);
+        QCOMPARE(screenSaver.settingWidget(), nullptr);
+    }
+
+    void metaObjectsOfTheAbstractClasses()
+    {
+        QCOMPARE(AbstractScreenSaver::staticMetaObject.className(), "AbstractScreenSaver");
+        QCOMPARE(AbstractScreenSaver::staticMetaObject.superClass(), &QWidget::staticMetaObject);
+        QCOMPARE(AbstractPluginScreenSaverLoader::staticMetaObject.className(), "AbstractPluginScreenSaverLoader");
+        QCOMPARE(AbstractPluginScreenSaverLoader::staticMetaObject.superClass(), &QObject::staticMetaObject);
+        QCOMPARE(AbstractSettingDialog::staticMetaObject.className(), "AbstractSettingDialog");
+        QCOMPARE(AbstractSettingDialog::staticMetaObject.superClass(), &QDialog::staticMetaObject);
+
+        // No properties, no slots; only the dialog adds a method: its signal.
+        for (const QMetaObject *meta : {&AbstractScreenSaver::staticMetaObject, &AbstractPluginScreenSaverLoader::staticMetaObject}) {
+            QCOMPARE(meta->methodCount(), meta->methodOffset());
+            QCOMPARE(meta->propertyCount(), meta->propertyOffset());
+        }
+        const QMetaObject &dialog = AbstractSettingDialog::staticMetaObject;
+        QCOMPARE(dialog.propertyCount(), dialog.propertyOffset());
+        QCOMPARE(dialog.methodCount() - dialog.methodOffset(), 1);
+        const QMetaMethod changed = dialog.method(dialog.methodOffset());
+        QCOMPARE(changed.methodSignature(), QByteArray("changed()"));
+        QCOMPARE(changed.methodType(), QMetaMethod::Signal);
+        QCOMPARE(changed.parameterCount(), 0);
+        QCOMPARE(dialog.indexOfSignal("changed()"), dialog.methodOffset());
+    }
+
+    void dialogCastsAndSignalsByName()
+    {
+        MinimalDialog dialog;
+        QCOMPARE(dialog.qt_metacast("AbstractSettingDialog"), static_cast<void *>(static_cast<AbstractSettingDialog *>(&dialog)));
+        QSignalSpy spy(&dialog, SIGNAL(changed()));
+        QVERIFY(spy.isValid());
+        Q_EMIT dialog.changed();
+        QCOMPARE(spy.count(), 1);
+    }
+
+    void lockDefaultPropertyHoldsTwoEntries()
+    {
+        QCOMPARE(lockDefaultProperty.size(), 2);
+        QCOMPARE(lockDefaultProperty.value(QStringLiteral("ShowLock")).userType(), int(QMetaType::QString));
+        QCOMPARE(lockDefaultProperty.value(QStringLiteral("ShowLock")).toString(), QStringLiteral("datetime"));
+        QCOMPARE(lockDefaultProperty.value(QStringLiteral("LockShowTimeout")).userType(), int(QMetaType::Int));
+        QCOMPARE(lockDefaultProperty.value(QStringLiteral("LockShowTimeout")).toInt(), 300);
+    }
+
+    void pluginFileNamePatterns()
+    {
+        QCOMPARE(pluginFileNameTemplate, QStringLiteral("libzav-screensaver_%1.so"));
+        QCOMPARE(pluginFileNameRegExp.pattern(), QStringLiteral("libzav-screensaver_(.*)\\.so"));
+        QCOMPARE(pluginFileNameRegExp.patternOptions(), QRegularExpression::NoPatternOption);
+        QVERIFY(pluginFileNameRegExp.isValid());
+    }
+
+    void pluginFileNameRegExpMatches_data()
+    {
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<bool>("matches");
+        QTest::addColumn<QString>("name");
+
+        QTest::newRow("slideshow") << QStringLiteral("libzav-screensaver_slideshow.so") << true << QStringLiteral("slideshow");
+        QTest::newRow("empty name") << QStringLiteral("libzav-screensaver_.so") << true << QString();
+        QTest::newRow("inside a longer path") << QStringLiteral("/usr/lib/zav/screensavers/libzav-screensaver_clock.so") << true << QStringLiteral("clock");
+        QTest::newRow("not anchored at the end") << QStringLiteral("libzav-screensaver_clock.so.1") << true << QStringLiteral("clock");
+        QTest::newRow("other library") << QStringLiteral("libother_slideshow.so") << false << QString();
+        QTest::newRow("no suffix") << QStringLiteral("libzav-screensaver_slideshow") << false << QString();
+    }
+
+    void pluginFileNameRegExpMatches()
+    {
+        QFETCH(QString, fileName);
+        QFETCH(bool, matches);
+        QFETCH(QString, name);
+
+        const QRegularExpressionMatch match = pluginFileNameRegExp.match(fileName);
+        QCOMPARE(match.hasMatch(), matches);
+        if (matches) {
+            QCOMPARE(match.captured(1), name);
+        }
+    }
 };
 
-int main(int argc, char **argv)
-{
-    QApplication app(argc, argv);
-    HostLoadTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
-}
+QTEST_MAIN(HostLoadTest)
 
 #include "hostloadtest.moc"
