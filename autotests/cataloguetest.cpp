@@ -17,8 +17,8 @@
 
 namespace
 {
+const QDir source(QStringLiteral(ZAV_SOURCE_DIR));
 const QString templateName = QStringLiteral("po/zav-screensaver_slideshow.pot");
-const QString russianName = QStringLiteral("po/ru/zav-screensaver_slideshow.po");
 
 struct Entry {
     QString id;
@@ -26,62 +26,43 @@ struct Entry {
     bool fuzzy = false;
 };
 
-// The entries of a catalogue, the header left out. Strings may continue on
-// the following lines; only the escapes the texts here use are undone.
-QList<Entry> entries(const QString &path)
+// The entries of a catalogue by their texts, the header left out. A text
+// may continue on the following lines; only the escapes the texts here use
+// are undone.
+QMultiMap<QString, Entry> entries(const QString &path)
 {
     QFile file(path);
+    QMultiMap<QString, Entry> result;
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        return {};
+        return result;
     }
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    QList<Entry> result;
     Entry entry;
     QString *target = nullptr;
-    const auto unquoted = [](const QString &text) {
-        QString value = text.mid(1, text.size() - 2);
-        value.replace(QLatin1String("\\\""), QLatin1String("\""));
-        value.replace(QLatin1String("\\n"), QLatin1String("\n"));
-        return value;
-    };
-    const auto finish = [&] {
-        if (!entry.id.isEmpty()) {
-            result.append(entry);
-        }
-        entry = Entry();
-    };
+    // A blank line ends an entry; one is added for the last.
+    const QStringList lines = QString::fromUtf8(file.readAll() + "\n").split(QLatin1Char('\n'));
     for (const QString &line : lines) {
-        if (line.startsWith(QLatin1String("#,")) && line.contains(QLatin1String("fuzzy"))) {
-            finish();
-            entry.fuzzy = true;
-            target = nullptr;
-        } else if (line.startsWith(QLatin1String("msgid "))) {
+        if (line.trimmed().isEmpty()) {
             if (!entry.id.isEmpty()) {
-                finish();
+                result.insert(entry.id, entry);
             }
-            entry.id = unquoted(line.mid(6));
+            entry = Entry();
+            target = nullptr;
+        } else if (line.startsWith(QLatin1String("#,"))) {
+            entry.fuzzy = line.contains(QLatin1String("fuzzy"));
+        } else if (line.startsWith(QLatin1String("msgid "))) {
             target = &entry.id;
         } else if (line.startsWith(QLatin1String("msgstr "))) {
-            entry.translation = unquoted(line.mid(7));
             target = &entry.translation;
-        } else if (line.startsWith(QLatin1Char('"')) && target) {
-            *target += unquoted(line);
-        } else if (line.trimmed().isEmpty()) {
-            finish();
+        } else if (!line.startsWith(QLatin1Char('"'))) {
+            // Another comment, a context or a plural form.
             target = nullptr;
         }
+        if (target) {
+            QString text = line.mid(line.indexOf(QLatin1Char('"')) + 1);
+            text.chop(1);
+            *target += text.replace(QLatin1String("\\\""), QLatin1String("\"")).replace(QLatin1String("\\n"), QLatin1String("\n"));
+        }
     }
-    finish();
-    return result;
-}
-
-QStringList ids(const QList<Entry> &list)
-{
-    QStringList result;
-    for (const Entry &entry : list) {
-        result.append(entry.id);
-    }
-    result.sort();
     return result;
 }
 }
@@ -99,36 +80,30 @@ private Q_SLOTS:
         QTemporaryDir extracted;
         QVERIFY(extracted.isValid());
         QProcess extraction;
-        extraction.setWorkingDirectory(QStringLiteral(ZAV_SOURCE_DIR));
+        extraction.setWorkingDirectory(source.path());
         extraction.start(QStringLiteral("bash"), {QStringLiteral("scripts/extract-messages.sh"), extracted.path()});
         QVERIFY(extraction.waitForFinished(60000));
         QVERIFY2(extraction.exitCode() == 0, extraction.readAllStandardError().constData());
 
-        const QStringList fresh = ids(entries(QDir(extracted.path()).filePath(QStringLiteral("zav-screensaver_slideshow.pot"))));
-        const QStringList kept = ids(entries(QDir(QStringLiteral(ZAV_SOURCE_DIR)).filePath(templateName)));
+        const QStringList fresh = entries(extracted.filePath(QStringLiteral("zav-screensaver_slideshow.pot"))).keys();
         // The plug-in's name, its message without images, and the dialog.
         QVERIFY(fresh.contains(QStringLiteral("Slide show")));
         QVERIFY(fresh.size() >= 20);
-        QCOMPARE(kept, fresh);
+        QCOMPARE(entries(source.filePath(templateName)).keys(), fresh);
     }
 
     void russianCatalogueTranslatesEveryText()
     {
-        const QList<Entry> wanted = entries(QDir(QStringLiteral(ZAV_SOURCE_DIR)).filePath(templateName));
+        const QMultiMap<QString, Entry> wanted = entries(source.filePath(templateName));
         QVERIFY(!wanted.isEmpty());
-        const QList<Entry> russian = entries(QDir(QStringLiteral(ZAV_SOURCE_DIR)).filePath(russianName));
-        QHash<QString, Entry> byId;
-        for (const Entry &entry : russian) {
-            byId.insert(entry.id, entry);
-        }
-        for (const Entry &entry : wanted) {
-            QVERIFY2(byId.contains(entry.id), qPrintable(QStringLiteral("not in the Russian catalogue: ") + entry.id));
-            const Entry &translated = byId.value(entry.id);
-            QVERIFY2(!translated.fuzzy, qPrintable(QStringLiteral("fuzzy: ") + entry.id));
-            QVERIFY2(!translated.translation.isEmpty(), qPrintable(QStringLiteral("untranslated: ") + entry.id));
+        const QMultiMap<QString, Entry> russian = entries(source.filePath(QStringLiteral("po/ru/zav-screensaver_slideshow.po")));
+        for (const QString &id : wanted.keys()) {
+            QVERIFY2(russian.contains(id), qPrintable(QStringLiteral("not in the Russian catalogue: ") + id));
+            QVERIFY2(!russian.value(id).fuzzy, qPrintable(QStringLiteral("fuzzy: ") + id));
+            QVERIFY2(!russian.value(id).translation.isEmpty(), qPrintable(QStringLiteral("untranslated: ") + id));
         }
         // Nothing the code no longer has.
-        QCOMPARE(ids(russian), ids(wanted));
+        QCOMPARE(russian.keys(), wanted.keys());
     }
 };
 

@@ -5,31 +5,51 @@
 
 // Driving the settings dialog as a user does: its controls found through
 // its widget tree by their visible texts, a choice made with the keyboard,
-// a text typed anew. Shared by the tests of the dialog, of its link to the
-// screensaver and of its translation.
+// a text typed anew, a modal box answered from inside its own event loop.
+// Shared by the tests of the dialog, of its link to the screensaver and of
+// its translation.
 
 #ifndef ZAV_DIALOGTESTHELPERS_H
 #define ZAV_DIALOGTESTHELPERS_H
 
 #include "testutils.h"
 
-#include <QAbstractButton>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDialog>
 #include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
-#include <QStringList>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace DialogTest
 {
 using TestUtils::translated;
+
+const QString directoryKey = QStringLiteral("ImageDirectory");
+const QString autoSwitchKey = QStringLiteral("AutoSwitch");
+const QString effectKey = QStringLiteral("Effect");
+const QString positionKey = QStringLiteral("Position");
+const QString includeSubfoldersKey = QStringLiteral("IncludeSubfolders");
+const QString orderKey = QStringLiteral("Order");
+
+// A map with all six keys: the four of settingsMap, then whether subfolders
+// are included and the order of the slides.
+inline QVariantMap fullSettingsMap(const QString &directory, int autoSwitch, int effect, int position, bool includeSubfolders, int order)
+{
+    QVariantMap map = TestUtils::settingsMap(directory, autoSwitch, effect, position);
+    map.insert(includeSubfoldersKey, includeSubfolders);
+    map.insert(orderKey, order);
+    return map;
+}
 
 inline QStringList itemTexts(const QComboBox *box)
 {
@@ -65,52 +85,66 @@ struct Controls {
         return mainLayout && directoryGroup && animationGroup && positionGroup && directory && open && includeSubfolders && autoSwitchLabel && autoSwitch
             && effectLabel && effect && orderLabel && order && position && buttonBox && ok && cancel;
     }
+
+    // The combo box of the fade, the position or the order.
+    QComboBox *choiceBox(const QString &key) const
+    {
+        return key == effectKey ? effect : key == positionKey ? position : key == orderKey ? order : nullptr;
+    }
 };
 
+// The direct child of the parent that is a T and passes the test.
+template<typename T, typename Test>
+T *childOf(const QWidget *parent, Test test)
+{
+    const QList<T *> children = parent ? parent->findChildren<T *>(QString(), Qt::FindDirectChildrenOnly) : QList<T *>();
+    for (T *child : children) {
+        if (test(child)) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+// Each control is a direct child of its group, and each group and the button
+// box are direct children of the dialog; groups and labels are known by
+// their exact texts, the two combo boxes of the animation by their first
+// items.
 inline Controls controlsOf(QDialog *dialog)
 {
+    const auto any = [](QObject *) {
+        return true;
+    };
+    const auto group = [dialog](const char *title) {
+        return childOf<QGroupBox>(dialog, [title](QGroupBox *box) {
+            return box->title() == translated(title);
+        });
+    };
     Controls c;
     c.mainLayout = qobject_cast<QVBoxLayout *>(dialog->layout());
-    const QList<QGroupBox *> groups = dialog->findChildren<QGroupBox *>(QString(), Qt::FindDirectChildrenOnly);
-    for (QGroupBox *group : groups) {
-        if (group->title() == translated("Image Directory")) {
-            c.directoryGroup = group;
-        } else if (group->title() == translated("Animation")) {
-            c.animationGroup = group;
-        } else if (group->title() == translated("Position")) {
-            c.positionGroup = group;
-        }
-    }
-    if (c.directoryGroup) {
-        c.directory = c.directoryGroup->findChild<QLineEdit *>(QString(), Qt::FindDirectChildrenOnly);
-        c.open = c.directoryGroup->findChild<QPushButton *>(QString(), Qt::FindDirectChildrenOnly);
-        c.includeSubfolders = c.directoryGroup->findChild<QCheckBox *>(QString(), Qt::FindDirectChildrenOnly);
-    }
-    if (c.animationGroup) {
-        const QList<QLabel *> labels = c.animationGroup->findChildren<QLabel *>(QString(), Qt::FindDirectChildrenOnly);
-        for (QLabel *label : labels) {
-            if (label->text() == translated("Auto-Switch Images")) {
-                c.autoSwitchLabel = label;
-            } else if (label->text() == translated("Effect")) {
-                c.effectLabel = label;
-            } else if (label->text() == translated("Order")) {
-                c.orderLabel = label;
-            }
-        }
-        c.autoSwitch = c.animationGroup->findChild<QSpinBox *>(QString(), Qt::FindDirectChildrenOnly);
-        // Two combo boxes share this group; each is known by its first item.
-        const QList<QComboBox *> boxes = c.animationGroup->findChildren<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-        for (QComboBox *box : boxes) {
-            if (box->itemText(0) == translated("Fast")) {
-                c.effect = box;
-            } else if (box->itemText(0) == translated("By name")) {
-                c.order = box;
-            }
-        }
-    }
-    if (c.positionGroup) {
-        c.position = c.positionGroup->findChild<QComboBox *>(QString(), Qt::FindDirectChildrenOnly);
-    }
+    c.directoryGroup = group("Image Directory");
+    c.animationGroup = group("Animation");
+    c.positionGroup = group("Position");
+    c.directory = childOf<QLineEdit>(c.directoryGroup, any);
+    c.open = childOf<QPushButton>(c.directoryGroup, any);
+    c.includeSubfolders = childOf<QCheckBox>(c.directoryGroup, any);
+    const auto label = [&c](const char *text) {
+        return childOf<QLabel>(c.animationGroup, [text](QLabel *label) {
+            return label->text() == translated(text);
+        });
+    };
+    const auto box = [&c](const char *firstItem) {
+        return childOf<QComboBox>(c.animationGroup, [firstItem](QComboBox *box) {
+            return box->itemText(0) == translated(firstItem);
+        });
+    };
+    c.autoSwitchLabel = label("Auto-Switch Images");
+    c.autoSwitch = childOf<QSpinBox>(c.animationGroup, any);
+    c.effectLabel = label("Effect");
+    c.effect = box("Fast");
+    c.orderLabel = label("Order");
+    c.order = box("By name");
+    c.position = childOf<QComboBox>(c.positionGroup, any);
     c.buttonBox = dialog->findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"), Qt::FindDirectChildrenOnly);
     if (c.buttonBox) {
         c.ok = c.buttonBox->button(QDialogButtonBox::Ok);
@@ -119,22 +153,28 @@ inline Controls controlsOf(QDialog *dialog)
     return c;
 }
 
-// Moves a combo box to an item the way a user does with the keyboard: Home,
-// then Down as often as needed.
-inline void chooseWithKeyboard(QComboBox *box, int index)
+// The six settings as the controls show them, the choices by their values.
+inline QVariantMap shownSettings(const Controls &c)
 {
-    box->setFocus();
-    QTest::keyClick(box, Qt::Key_Home);
-    for (int i = 0; i < index; ++i) {
-        QTest::keyClick(box, Qt::Key_Down);
-    }
+    return {
+        {directoryKey, c.directory->text()},
+        {autoSwitchKey, c.autoSwitch->value()},
+        {effectKey, c.effect->currentData()},
+        {positionKey, c.position->currentData()},
+        {includeSubfoldersKey, c.includeSubfolders->isChecked()},
+        {orderKey, c.order->currentData()},
+    };
 }
 
-// Toggles a check box the way a user does with the keyboard.
-inline void toggleWithKeyboard(QAbstractButton *button)
+// Shows the dialog, so that clicks, keys and layouts behave as on screen.
+inline bool showDialog(QDialog *dialog)
 {
-    button->setFocus();
-    QTest::keyClick(button, Qt::Key_Space);
+    dialog->show();
+    if (!QTest::qWaitForWindowExposed(dialog)) {
+        return false;
+    }
+    dialog->activateWindow();
+    return QTest::qWaitForWindowActive(dialog);
 }
 
 // Replaces the text of a line edit (or of a spin box's editor) by typing.
@@ -143,9 +183,110 @@ inline void retype(QWidget *editor, const QString &text)
     editor->setFocus();
     QTest::keyClick(editor, Qt::Key_A, Qt::ControlModifier);
     QTest::keyClick(editor, Qt::Key_Backspace);
-    if (!text.isEmpty()) {
-        QTest::keyClicks(editor, text);
+    QTest::keyClicks(editor, text);
+}
+
+// Sets one setting through its control as a user does: the directory and
+// the interval typed, the check box toggled with the space bar, a combo box
+// moved to the item that carries the value with Home, then Down as often as
+// needed. False when the control does not end up showing the value.
+inline bool editAsUser(const Controls &c, const QString &key, const QVariant &value)
+{
+    if (key == directoryKey) {
+        retype(c.directory, value.toString());
+    } else if (key == autoSwitchKey) {
+        retype(c.autoSwitch, value.toString());
+    } else if (key == includeSubfoldersKey && c.includeSubfolders->isChecked() != value.toBool()) {
+        c.includeSubfolders->setFocus();
+        QTest::keyClick(c.includeSubfolders, Qt::Key_Space);
+    } else if (QComboBox *box = c.choiceBox(key)) {
+        box->setFocus();
+        QTest::keyClick(box, Qt::Key_Home);
+        for (int i = 0; i < box->findData(value); ++i) {
+            QTest::keyClick(box, Qt::Key_Down);
+        }
     }
+    return shownSettings(c).value(key) == value;
+}
+
+// The base of the dialog's tests: two folders to choose from, in a
+// temporary directory.
+class FoldersTest : public QObject
+{
+protected:
+    QTemporaryDir m_dir;
+    const QString m_first = m_dir.filePath(QStringLiteral("first"));
+    const QString m_second = m_dir.filePath(QStringLiteral("second"));
+
+    bool makeFolders() const
+    {
+        return m_dir.isValid() && QDir().mkpath(m_first) && QDir().mkpath(m_second);
+    }
+};
+
+// What a modal box showed: a message box, answered with its OK button, or
+// the file dialog, answered with a pick or cancelled without one.
+struct ModalAnswer {
+    // A modal box came up, and the answer closed it.
+    bool shown = false;
+    bool closed = false;
+    QString title;
+    QString text;
+    QMessageBox::Icon icon = QMessageBox::NoIcon;
+    QMessageBox::StandardButtons buttons;
+    QString startDirectory;
+    QFileDialog::Options options;
+};
+
+// A message box or file dialog runs its own event loop, so the code that
+// answers it must run from inside that loop: this clicks the button,
+// answers the modal box that comes up, and closes it if the answer did not,
+// so that a failing test cannot hang in the modal loop. The test asserts on
+// what was seen once the loop has returned. A click that must not bring up a
+// box goes through here too, for the same reason.
+inline ModalAnswer clickAndAnswer(QAbstractButton *button, const QString &pick = QString())
+{
+    ModalAnswer seen;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        QPointer<QWidget> modal = QApplication::activeModalWidget();
+        if (!modal) {
+            return;
+        }
+        poll.stop();
+        seen.shown = true;
+        seen.title = modal->windowTitle();
+        if (auto *box = qobject_cast<QMessageBox *>(modal)) {
+            seen.text = box->text();
+            seen.icon = box->icon();
+            seen.buttons = box->standardButtons();
+            if (QAbstractButton *ok = box->button(QMessageBox::Ok)) {
+                QTest::mouseClick(ok, Qt::LeftButton);
+            }
+        } else if (auto *dialog = qobject_cast<QFileDialog *>(modal)) {
+            seen.startDirectory = dialog->directory().absolutePath();
+            seen.options = dialog->options();
+            if (pick.isEmpty()) {
+                dialog->reject();
+            } else {
+                // With nothing typed and nothing selected, the dialog returns
+                // the folder it shows. (selectFile would depend on the
+                // folder's asynchronous listing, since a visible dialog
+                // selects the file in its view rather than typing its name.)
+                dialog->setDirectory(pick);
+                // QFileDialog::accept is protected; QDialog's is public and
+                // virtual, so this runs the file dialog's own accept.
+                static_cast<QDialog *>(dialog)->accept();
+            }
+        }
+        seen.closed = !modal || !modal->isVisible();
+        if (auto *dialog = qobject_cast<QDialog *>(modal.data()); dialog && !seen.closed) {
+            dialog->reject();
+        }
+    });
+    poll.start(10);
+    QTest::mouseClick(button, Qt::LeftButton);
+    return seen;
 }
 }
 
