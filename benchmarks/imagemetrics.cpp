@@ -41,6 +41,12 @@ QImage photoLike(int width, int height, quint32 seed)
     return image;
 }
 
+bool writePhoto(const QString &path, const QSize &size, quint32 seed)
+{
+    const bool jpeg = path.endsWith(QLatin1String(".jpg"), Qt::CaseInsensitive);
+    return photoLike(size.width(), size.height(), seed).save(path, nullptr, jpeg ? 90 : -1);
+}
+
 double psnr(const QImage &actual, const QImage &expected)
 {
     if (actual.isNull() || actual.size() != expected.size()) {

@@ -4,7 +4,7 @@
 */
 
 // Images that look like photos to an encoder, and how close two pictures
-// are: shared by the benchmark and the tests of the reduced decoding.
+// are: shared by the benchmarks and the tests of the reduced decoding.
 
 #ifndef ZAV_IMAGEMETRICS_H
 #define ZAV_IMAGEMETRICS_H
@@ -17,6 +17,10 @@ namespace ImageMetrics
 // Smooth gradients and slow waves with a little per-pixel noise: the noise
 // keeps JPEG and PNG from compressing it far better than a real photo.
 QImage photoLike(int width, int height, quint32 seed);
+
+// Writes photoLike(size, seed) to path, in the format its suffix names: a
+// JPEG at quality 90, as cameras write, a PNG at the default compression.
+bool writePhoto(const QString &path, const QSize &size, quint32 seed);
 
 // The peak signal-to-noise ratio of actual against expected over the red,
 // green and blue channels, in dB (higher is closer; 100 for equal
