@@ -32,10 +32,8 @@ struct Entry {
 QMultiMap<QString, Entry> entries(const QString &path)
 {
     QFile file(path);
+    file.open(QIODevice::ReadOnly | QIODevice::Text);
     QMultiMap<QString, Entry> result;
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        return result;
-    }
     Entry entry;
     QString *target = nullptr;
     // A blank line ends an entry; one is added for the last.

@@ -6,8 +6,7 @@
 // Driving the settings dialog as a user does: its controls found through
 // its widget tree by their visible texts, a choice made with the keyboard,
 // a text typed anew, a modal box answered from inside its own event loop.
-// Shared by the tests of the dialog, of its link to the screensaver and of
-// its translation.
+// Shared by the tests of the dialog and of its translation.
 
 #ifndef ZAV_DIALOGTESTHELPERS_H
 #define ZAV_DIALOGTESTHELPERS_H
@@ -25,7 +24,6 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -62,7 +60,6 @@ inline QStringList itemTexts(const QComboBox *box)
 
 // The dialog's controls, found through its widget tree.
 struct Controls {
-    QVBoxLayout *mainLayout = nullptr;
     QGroupBox *directoryGroup = nullptr;
     QGroupBox *animationGroup = nullptr;
     QGroupBox *positionGroup = nullptr;
@@ -82,8 +79,8 @@ struct Controls {
 
     bool complete() const
     {
-        return mainLayout && directoryGroup && animationGroup && positionGroup && directory && open && includeSubfolders && autoSwitchLabel && autoSwitch
-            && effectLabel && effect && orderLabel && order && position && buttonBox && ok && cancel;
+        return directoryGroup && animationGroup && positionGroup && directory && open && includeSubfolders && autoSwitchLabel && autoSwitch && effectLabel
+            && effect && orderLabel && order && position && buttonBox && ok && cancel;
     }
 
     // The combo box of the fade, the position or the order.
@@ -121,7 +118,6 @@ inline Controls controlsOf(QDialog *dialog)
         });
     };
     Controls c;
-    c.mainLayout = qobject_cast<QVBoxLayout *>(dialog->layout());
     c.directoryGroup = group("Image Directory");
     c.animationGroup = group("Animation");
     c.positionGroup = group("Position");
@@ -164,6 +160,16 @@ inline QVariantMap shownSettings(const Controls &c)
         {includeSubfoldersKey, c.includeSubfolders->isChecked()},
         {orderKey, c.order->currentData()},
     };
+}
+
+// The widgets of a layout's items in order, null for a nested layout.
+inline QList<QWidget *> widgetsOf(const QLayout *layout)
+{
+    QList<QWidget *> widgets;
+    for (int i = 0; layout && i < layout->count(); ++i) {
+        widgets.append(layout->itemAt(i)->widget());
+    }
+    return widgets;
 }
 
 // Shows the dialog, so that clicks, keys and layouts behave as on screen.
@@ -209,21 +215,6 @@ inline bool editAsUser(const Controls &c, const QString &key, const QVariant &va
     return shownSettings(c).value(key) == value;
 }
 
-// The base of the dialog's tests: two folders to choose from, in a
-// temporary directory.
-class FoldersTest : public QObject
-{
-protected:
-    QTemporaryDir m_dir;
-    const QString m_first = m_dir.filePath(QStringLiteral("first"));
-    const QString m_second = m_dir.filePath(QStringLiteral("second"));
-
-    bool makeFolders() const
-    {
-        return m_dir.isValid() && QDir().mkpath(m_first) && QDir().mkpath(m_second);
-    }
-};
-
 // What a modal box showed: a message box, answered with its OK button, or
 // the file dialog, answered with a pick or cancelled without one.
 struct ModalAnswer {
@@ -238,12 +229,11 @@ struct ModalAnswer {
     QFileDialog::Options options;
 };
 
-// A message box or file dialog runs its own event loop, so the code that
-// answers it must run from inside that loop: this clicks the button,
-// answers the modal box that comes up, and closes it if the answer did not,
-// so that a failing test cannot hang in the modal loop. The test asserts on
-// what was seen once the loop has returned. A click that must not bring up a
-// box goes through here too, for the same reason.
+// A modal box runs its own event loop, so it is answered from inside that
+// loop: this clicks the button, answers the box that comes up and closes it
+// if the answer did not, so that a failing test cannot hang there; a click
+// that must not bring up a box goes through here too. Assert on what was
+// seen once the loop has returned.
 inline ModalAnswer clickAndAnswer(QAbstractButton *button, const QString &pick = QString())
 {
     ModalAnswer seen;

@@ -3,10 +3,13 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
+// The settings dialog, on its own and as the screensaver's.
+
 #include "settings/slideshowsettingswidget.h"
 #include "dialogtesthelpers.h"
 #include "settings/slideshowsettingswidget_p.h"
-#include "testutils.h"
+#include "slideshow/slideshow.h"
+#include "slideshow/slideshow_p.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,29 +17,38 @@
 #include <QHBoxLayout>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QVariantAnimation>
+
+#include <memory>
 
 using namespace Dm::ScreenSaver;
 using namespace DialogTest;
+using TestUtils::debugEntry;
+using TestUtils::LogEntry;
 using TestUtils::LogRecorder;
+using TestUtils::mapLogText;
 using TestUtils::settingsMap;
 
-namespace
-{
-// What the dialog writes into the log for a loaded map.
-QString loadedLogText(const QVariantMap &map)
-{
-    return TestUtils::mapLogText(LogText::widgetProperty, map);
-}
-}
-
-class SlideShowSettingsWidgetTest : public FoldersTest
+class SlideShowSettingsWidgetTest : public QObject
 {
     Q_OBJECT
+
+    // Two folders to choose from, each with two images for the screensaver.
+    QTemporaryDir m_dir;
+    const QString m_first = m_dir.filePath(QStringLiteral("first"));
+    const QString m_second = m_dir.filePath(QStringLiteral("second"));
 
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(makeFolders());
+        QVERIFY(m_dir.isValid());
+        // Small images keep Qt's scaling on the calling thread (see the
+        // thread sanitizer notes of the build).
+        for (const QString &directory : {m_first, m_second}) {
+            QVERIFY(QDir().mkpath(directory));
+            QVERIFY(!TestUtils::writeSolidImage(directory, QStringLiteral("a.png"), QSize(64, 48), Qt::red).isEmpty());
+            QVERIFY(!TestUtils::writeSolidImage(directory, QStringLiteral("b.png"), QSize(64, 48), Qt::blue).isEmpty());
+        }
     }
 
     void cleanup()
@@ -57,35 +69,24 @@ private Q_SLOTS:
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
         QCOMPARE(dialog.findChildren<QGroupBox *>().size(), 3);
-        QCOMPARE(c.mainLayout->count(), 4);
-        QWidget *const stacked[] = {c.directoryGroup, c.animationGroup, c.positionGroup, c.buttonBox};
-        for (int i = 0; i < 4; ++i) {
-            QCOMPARE(c.mainLayout->itemAt(i)->widget(), stacked[i]);
-        }
+        QCOMPARE(widgetsOf(qobject_cast<QVBoxLayout *>(dialog.layout())), (QList<QWidget *>{c.directoryGroup, c.animationGroup, c.positionGroup, c.buttonBox}));
 
         // The directory row, and under it the check box for subfolders.
-        QCOMPARE(c.directory->text(), translated("Select image directory..."));
         QVERIFY(c.directory->placeholderText().isEmpty());
         QCOMPARE(c.open->text(), translated("Open"));
         QVERIFY(c.open->toolTip().isEmpty());
         QCOMPARE(c.includeSubfolders->text(), translated("Include subfolders"));
         QVERIFY(!c.includeSubfolders->isTristate());
         auto *directoryLayout = qobject_cast<QVBoxLayout *>(c.directoryGroup->layout());
-        QVERIFY(directoryLayout);
-        QCOMPARE(directoryLayout->count(), 2);
+        QCOMPARE(widgetsOf(directoryLayout), (QList<QWidget *>{nullptr, c.includeSubfolders}));
         auto *directoryRow = qobject_cast<QHBoxLayout *>(directoryLayout->itemAt(0)->layout());
-        QVERIFY(directoryRow);
-        QCOMPARE(directoryRow->count(), 2);
-        QCOMPARE(directoryRow->itemAt(0)->widget(), c.directory);
-        QCOMPARE(directoryRow->itemAt(1)->widget(), c.open);
+        QCOMPARE(widgetsOf(directoryRow), (QList<QWidget *>{c.directory, c.open}));
         QCOMPARE(directoryRow->stretch(0), 6);
         QCOMPARE(directoryRow->stretch(1), 1);
-        QCOMPARE(directoryLayout->itemAt(1)->widget(), c.includeSubfolders);
 
         // Three rows of label and control: interval, fade, order.
         auto *grid = qobject_cast<QGridLayout *>(c.animationGroup->layout());
-        QVERIFY(grid);
-        QCOMPARE(grid->count(), 6);
+        QCOMPARE(widgetsOf(grid).size(), 6);
         QWidget *const cells[3][2] = {{c.autoSwitchLabel, c.autoSwitch}, {c.effectLabel, c.effect}, {c.orderLabel, c.order}};
         for (int i = 0; i < 6; ++i) {
             int row = -1, column = -1, rowSpan = -1, columnSpan = -1;
@@ -104,10 +105,7 @@ private Q_SLOTS:
         QCOMPARE(c.autoSwitch->minimum(), 1);
         QCOMPARE(c.autoSwitch->maximum(), 120);
 
-        auto *positionLayout = qobject_cast<QVBoxLayout *>(c.positionGroup->layout());
-        QVERIFY(positionLayout);
-        QCOMPARE(positionLayout->count(), 1);
-        QCOMPARE(positionLayout->itemAt(0)->widget(), c.position);
+        QCOMPARE(widgetsOf(qobject_cast<QVBoxLayout *>(c.positionGroup->layout())), QList<QWidget *>{c.position});
         QVERIFY(c.positionGroup->findChildren<QLabel *>().isEmpty());
 
         QCOMPARE(c.buttonBox->orientation(), Qt::Horizontal);
@@ -125,9 +123,8 @@ private Q_SLOTS:
     void directoryRowSharesWidthSixToOne()
     {
         SlideShowSettingsWidget dialog;
-        QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
-        QVERIFY(c.complete());
+        QVERIFY(c.complete() && showDialog(&dialog));
         const QLayout *row = c.directoryGroup->layout()->itemAt(0)->layout();
         for (int width : {1400, 900, 460}) {
             dialog.resize(width, dialog.height());
@@ -160,16 +157,13 @@ private Q_SLOTS:
     void choiceBoxesListTheirTables_data()
     {
         QTest::addColumn<QString>("key");
-        QTest::addColumn<QStringList>("englishKeys");
+        // The English keys, separated by commas.
+        QTest::addColumn<QString>("englishKeys");
         QTest::addColumn<QList<int>>("values");
-        QTest::newRow("effects") << effectKey << QStringList{QStringLiteral("Fast"), QStringLiteral("None"), QStringLiteral("Normal"), QStringLiteral("Slow")}
-                                 << QList<int>{500, 50, 2500, 5000};
+        QTest::newRow("effects") << effectKey << QStringLiteral("Fast,None,Normal,Slow") << QList<int>{500, 50, 2500, 5000};
         // Fit comes in its alphabetical place, after Crop.
-        QTest::newRow("positions")
-            << positionKey
-            << QStringList{QStringLiteral("Center"), QStringLiteral("Crop"), QStringLiteral("Fit"), QStringLiteral("Stretch"), QStringLiteral("Tile")}
-            << QList<int>{3, 1, 4, 0, 2};
-        QTest::newRow("orders") << orderKey << QStringList{QStringLiteral("By name"), QStringLiteral("Shuffle")} << QList<int>{0, 1};
+        QTest::newRow("positions") << positionKey << QStringLiteral("Center,Crop,Fit,Stretch,Tile") << QList<int>{3, 1, 4, 0, 2};
+        QTest::newRow("orders") << orderKey << QStringLiteral("By name,Shuffle") << QList<int>{0, 1};
     }
 
     // The boxes list their items in the order of the tables' English keys;
@@ -178,10 +172,10 @@ private Q_SLOTS:
     void choiceBoxesListTheirTables()
     {
         QFETCH(QString, key);
-        QFETCH(QStringList, englishKeys);
+        QFETCH(QString, englishKeys);
         QFETCH(QList<int>, values);
         const QMap<QString, Data> table = key == effectKey ? effectsData() : key == positionKey ? positionsData() : ordersData();
-        QCOMPARE(table.keys(), englishKeys);
+        QCOMPARE(table.keys(), englishKeys.split(QLatin1Char(',')));
         SlideShowSettingsWidget dialog;
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
@@ -190,7 +184,7 @@ private Q_SLOTS:
         QVERIFY(!box->isEditable());
         const QList<Data> items = table.values();
         for (int i = 0; i < values.size(); ++i) {
-            QCOMPARE(items.at(i).text, translated(englishKeys.at(i).toLatin1().constData()));
+            QCOMPARE(items.at(i).text, translated(table.keys().at(i).toLatin1().constData()));
             QCOMPARE(items.at(i).value, values.at(i));
             QCOMPARE(box->itemText(i), items.at(i).text);
             const QVariant data = box->itemData(i, Qt::UserRole);
@@ -205,7 +199,7 @@ private Q_SLOTS:
         QCOMPARE(again, box);
         QCOMPARE(box->count(), values.size());
         // All three warn with the same text, in the default category.
-        const QList<TestUtils::LogEntry> expected = {{QStringLiteral("default"), QtWarningMsg, QStringLiteral("alignmentComboBox is already")}};
+        const QList<LogEntry> expected = {{QStringLiteral("default"), QtWarningMsg, QStringLiteral("alignmentComboBox is already")}};
         QCOMPARE(recorder.entries(), expected);
     }
 
@@ -264,7 +258,7 @@ private Q_SLOTS:
         } else {
             dialog.setSilentProperty(map);
         }
-        QCOMPARE(recorder.entries(), debug ? QList<TestUtils::LogEntry>{TestUtils::debugEntry(loadedLogText(map))} : QList<TestUtils::LogEntry>{});
+        QCOMPARE(recorder.entries(), debug ? QList<LogEntry>{debugEntry(mapLogText(LogText::widgetProperty, map))} : QList<LogEntry>{});
         QCOMPARE(changed.count(), loud ? 1 : 0);
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
@@ -310,9 +304,8 @@ private Q_SLOTS:
         QFETCH(int, expected);
         SlideShowSettingsWidget dialog;
         dialog.setSilentProperty(settingsMap(m_first, loaded, 500, 1));
-        QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
-        QVERIFY(c.complete());
+        QVERIFY(c.complete() && showDialog(&dialog));
         QCOMPARE(c.autoSwitch->value(), qMax(loaded, 1));
         if (!typed.isNull()) {
             retype(c.autoSwitch, typed);
@@ -371,9 +364,8 @@ private Q_SLOTS:
             loaded.remove(key);
         }
         dialog.setSilentProperty(loaded);
-        QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
-        QVERIFY(c.complete());
+        QVERIFY(c.complete() && showDialog(&dialog));
         const QVariantMap shownBefore = shownSettings(c);
         QVERIFY(!keyLoaded || shownBefore == loaded);
 
@@ -396,7 +388,7 @@ private Q_SLOTS:
         QCOMPARE(changed.count(), ok && keyLoaded && !key.isEmpty() ? 1 : 0);
         QCOMPARE(dialog.property(), ok ? edited : loaded);
         QCOMPARE(shownSettings(c), ok ? shownEdited : shownBefore);
-        QCOMPARE(recorder.texts(QtDebugMsg), ok ? QStringList() : QStringList{loadedLogText(loaded)});
+        QCOMPARE(recorder.texts(QtDebugMsg), ok ? QStringList() : QStringList{mapLogText(LogText::widgetProperty, loaded)});
     }
 
     void openButtonPicksADirectory_data()
@@ -435,9 +427,8 @@ private Q_SLOTS:
             loaded = settingsMap(saved, 5, 500, 1);
             dialog.setSilentProperty(loaded);
         }
-        QVERIFY(showDialog(&dialog));
         const Controls c = controlsOf(&dialog);
-        QVERIFY(c.complete());
+        QVERIFY(c.complete() && showDialog(&dialog));
         QSignalSpy changed(&dialog, &AbstractSettingDialog::changed);
         if (!typed.isEmpty()) {
             retype(c.directory, typed);
@@ -484,6 +475,107 @@ private Q_SLOTS:
         loaded.insert(directoryKey, pick);
         QCOMPARE(dialog.property(), loaded);
     }
+
+    // The screensaver's dialog has no parent and goes with the screensaver,
+    // whether that has a parent (a host widget) or not.
+    void settingWidgetIsDeletedWithScreensaver()
+    {
+        auto host = std::make_unique<QWidget>();
+        auto screensaver = std::make_unique<SlideShow>();
+        const QPointer<AbstractSettingDialog> hosted = (new SlideShow(host.get()))->settingWidget();
+        const QPointer<AbstractSettingDialog> dialog = screensaver->settingWidget();
+        QVERIFY(hosted && dialog);
+        QCOMPARE(hosted->parent(), nullptr);
+        QCOMPARE(dialog->parent(), nullptr);
+        host.reset();
+        QVERIFY(hosted.isNull());
+        QVERIFY(dialog);
+        screensaver.reset();
+        QVERIFY(dialog.isNull());
+    }
+
+    void settingsReachScreensaverAndDialog_data()
+    {
+        QTest::addColumn<QVariantMap>("hostMap");
+        QTest::addColumn<bool>("partial");
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QVariant>("value");
+        QTest::addColumn<QVariantMap>("expected");
+        // What the host gives is merged with the defaults, IncludeSubfolders
+        // and Order included.
+        const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
+        QTest::newRow("host, full map") << settingsMap(m_second, 7, 50, 3) << false << QString() << QVariant() << fullSettingsMap(m_second, 7, 50, 3, false, 0);
+        QTest::newRow("host, effect only") << QVariantMap{{effectKey, 5000}} << false << QString() << QVariant()
+                                           << fullSettingsMap(defaultDirectory, 5, 5000, 1, false, 0);
+        // A commit in the dialog, edited as a user does.
+        const QVariantMap none;
+        QTest::newRow("fade committed") << none << false << effectKey << QVariant(5000) << fullSettingsMap(m_first, 9, 5000, 2, true, 1);
+        // The dialog holds only some keys and one the screensaver does not
+        // know: the commit is merged with the defaults.
+        QTest::newRow("fade committed from a partial map") << none << true << effectKey << QVariant(5000) << fullSettingsMap(m_second, 5, 5000, 1, false, 0);
+        QTest::newRow("subfolders committed") << none << false << includeSubfoldersKey << QVariant(false) << fullSettingsMap(m_first, 9, 2500, 2, false, 1);
+        QTest::newRow("order committed") << none << false << orderKey << QVariant(0) << fullSettingsMap(m_first, 9, 2500, 2, true, 0);
+    }
+
+    // The dialog is made with the settings in force. The host's later
+    // settings reach it without a change reported; a commit in it reaches
+    // the screensaver, is applied once and pushed back into the dialog.
+    void settingsReachScreensaverAndDialog()
+    {
+        QFETCH(QVariantMap, hostMap);
+        QFETCH(bool, partial);
+        QFETCH(QString, key);
+        QFETCH(QVariant, value);
+        QFETCH(QVariantMap, expected);
+        SlideShow screensaver;
+        const QVariantMap inForce = fullSettingsMap(m_first, 9, 2500, 2, true, 1);
+        screensaver.setProperty(inForce);
+        auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
+        QVERIFY(dialog);
+        // Made once, and connected once however often it is asked for: a
+        // commit is applied once.
+        QCOMPARE(screensaver.settingWidget(), dialog);
+        QCOMPARE(dialog->property(), inForce);
+        const Controls c = controlsOf(dialog);
+        QVERIFY(c.complete());
+        QCOMPARE(shownSettings(c), inForce);
+        if (partial) {
+            dialog->setSilentProperty({{directoryKey, m_second}, {effectKey, 2500}, {QStringLiteral("Unknown"), QStringLiteral("dropped")}});
+        }
+        QVERIFY(showDialog(dialog));
+        QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
+
+        const bool commit = hostMap.isEmpty();
+        TestUtils::setSlideShowDebugEnabled(true);
+        LogRecorder recorder;
+        if (commit) {
+            QVERIFY(editAsUser(c, key, value));
+            // Edits reach the screensaver only through a commit.
+            QCOMPARE(screensaver.property(), inForce);
+            QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), 2500);
+            QVERIFY(!clickAndAnswer(c.ok).shown);
+        } else {
+            screensaver.setProperty(hostMap);
+        }
+        QCOMPARE(changed.count(), commit ? 1 : 0);
+        QCOMPARE(dialog->isVisible(), !commit);
+        // The newer keys reach the screensaver as a bool and an int.
+        QCOMPARE(screensaver.property(), expected);
+        QCOMPARE(screensaver.property().value(includeSubfoldersKey).userType(), int(QMetaType::Bool));
+        QCOMPARE(screensaver.property().value(orderKey).userType(), int(QMetaType::Int));
+        QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), expected.value(effectKey).toInt());
+        QCOMPARE(inspect(screensaver).switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
+        QCOMPARE(dialog->property(), expected);
+        QCOMPARE(shownSettings(c), expected);
+
+        // Applied once, then pushed back into the dialog.
+        const QStringList debug = recorder.texts(QtDebugMsg);
+        const QString applied = mapLogText(LogText::showProperty, expected);
+        const QString pushed = mapLogText(LogText::widgetProperty, expected);
+        QCOMPARE(debug.count(applied), 1);
+        QCOMPARE(debug.count(pushed), 1);
+        QVERIFY(debug.indexOf(applied) < debug.indexOf(pushed));
+    }
 };
 
 int main(int argc, char **argv)
@@ -494,10 +586,7 @@ int main(int argc, char **argv)
     if (configHome.isValid()) {
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome.path()));
     }
-    QApplication app(argc, argv);
-    SlideShowSettingsWidgetTest test;
-    QTEST_SET_MAIN_SOURCE_PATH
-    return QTest::qExec(&test, argc, argv);
+    return TestUtils::runWidgetTest<SlideShowSettingsWidgetTest>(argc, argv);
 }
 
 #include "slideshowsettingswidgettest.moc"

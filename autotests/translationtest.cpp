@@ -20,9 +20,7 @@
 #include <clocale>
 
 using namespace Dm::ScreenSaver;
-using DialogTest::Controls;
-using DialogTest::controlsOf;
-using DialogTest::itemTexts;
+using namespace DialogTest;
 
 class TranslationTest : public QObject
 {
@@ -42,37 +40,28 @@ private Q_SLOTS:
         QVERIFY(KLocalizedString::languages().contains(QStringLiteral("ru")));
     }
 
-    void nameAndMessagesAreRussian()
-    {
-        QCOMPARE(SlideShow().name(), QStringLiteral("Слайд-шоу"));
-        QCOMPARE(ki18nd("zav-screensaver_slideshow", "The image is not found in the catalog or the catalog is not indicated in the settings ...").toString(),
-                 QStringLiteral("Изображения не найдены в каталоге, или каталог не указан в настройках ..."));
-        QCOMPARE(ki18nd("zav-screensaver_slideshow", "The path to the directory with images is not specified").toString(),
-                 QStringLiteral("Не указан путь к каталогу с изображениями"));
-    }
-
-    // The choices keep the order of their English keys.
-    void dialogTextsAreRussian()
+    // The plug-in's name, its messages and the dialog; the choices keep the
+    // order of their English keys.
+    void textsAreRussian()
     {
         SlideShowSettingsWidget dialog;
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
-        const QList<QPair<QString, QString>> texts = {
-            {dialog.windowTitle(), QStringLiteral("Настройки слайд-шоу")},
-            {c.directoryGroup->title(), QStringLiteral("Каталог изображений")},
-            {c.directory->text(), QStringLiteral("Выберите каталог изображений...")},
-            {c.open->text(), QStringLiteral("Открыть")},
-            {c.includeSubfolders->text(), QStringLiteral("Включать подпапки")},
-            {c.animationGroup->title(), QStringLiteral("Анимация")},
-            {c.autoSwitchLabel->text(), QStringLiteral("Автосмена изображений")},
-            {c.autoSwitch->suffix(), QStringLiteral(" с")},
-            {c.effectLabel->text(), QStringLiteral("Эффект")},
-            {c.orderLabel->text(), QStringLiteral("Порядок")},
-            {c.positionGroup->title(), QStringLiteral("Положение")},
-        };
-        for (const auto &text : texts) {
-            QCOMPARE(text.first, text.second);
-        }
+        QCOMPARE(SlideShow().name(), QStringLiteral("Слайд-шоу"));
+        QCOMPARE(translated("The image is not found in the catalog or the catalog is not indicated in the settings ..."),
+                 QStringLiteral("Изображения не найдены в каталоге, или каталог не указан в настройках ..."));
+        QCOMPARE(translated("The path to the directory with images is not specified"), QStringLiteral("Не указан путь к каталогу с изображениями"));
+        QCOMPARE(dialog.windowTitle(), QStringLiteral("Настройки слайд-шоу"));
+        QCOMPARE(c.directoryGroup->title(), QStringLiteral("Каталог изображений"));
+        QCOMPARE(c.directory->text(), QStringLiteral("Выберите каталог изображений..."));
+        QCOMPARE(c.open->text(), QStringLiteral("Открыть"));
+        QCOMPARE(c.includeSubfolders->text(), QStringLiteral("Включать подпапки"));
+        QCOMPARE(c.animationGroup->title(), QStringLiteral("Анимация"));
+        QCOMPARE(c.autoSwitchLabel->text(), QStringLiteral("Автосмена изображений"));
+        QCOMPARE(c.autoSwitch->suffix(), QStringLiteral(" с"));
+        QCOMPARE(c.effectLabel->text(), QStringLiteral("Эффект"));
+        QCOMPARE(c.orderLabel->text(), QStringLiteral("Порядок"));
+        QCOMPARE(c.positionGroup->title(), QStringLiteral("Положение"));
 
         // Three boxes since the order of the slides has one of its own; each
         // was found by its Russian texts. Fast, None, Normal, Slow; Center,
@@ -80,11 +69,7 @@ private Q_SLOTS:
         // Shuffle: sorted as Russian words they would come out differently.
         QCOMPARE(dialog.findChildren<QComboBox *>().size(), 3);
         const QStringList effects = {QStringLiteral("Быстро"), QStringLiteral("Нет"), QStringLiteral("Обычно"), QStringLiteral("Медленно")};
-        const QStringList positions = {QStringLiteral("По центру"),
-                                       QStringLiteral("Обрезать"),
-                                       QStringLiteral("Вписать"),
-                                       QStringLiteral("Растянуть"),
-                                       QStringLiteral("Мозаика")};
+        const QStringList positions = QStringLiteral("По центру,Обрезать,Вписать,Растянуть,Мозаика").split(QLatin1Char(','));
         const QStringList orders = {QStringLiteral("По имени"), QStringLiteral("Вперемешку")};
         QCOMPARE(itemTexts(c.effect), effects);
         QCOMPARE(itemTexts(c.position), positions);
