@@ -29,7 +29,7 @@ class HangingFolder(Operations):
     def __init__(self, backing, control):
         self.backing = backing
         self.control = control
-        self.lock = threading.Lock()
+        self.mutex = threading.Lock()
         self.waiting = {"listings": 0, "reads": 0}
 
     def _path(self, path):
@@ -44,14 +44,14 @@ class HangingFolder(Operations):
                 deadline = time.monotonic() + float(limit.read().strip() or "inf")
         except (OSError, ValueError):
             deadline = float("inf")
-        with self.lock:
+        with self.mutex:
             self.waiting[kind] += 1
             self._publish(kind)
         try:
             while os.path.exists(flag) and time.monotonic() < deadline:
                 time.sleep(0.01)
         finally:
-            with self.lock:
+            with self.mutex:
                 self.waiting[kind] -= 1
                 self._publish(kind)
 

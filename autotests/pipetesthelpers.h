@@ -3,17 +3,14 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// Named pipes named like images, for the tests of a worker that hangs in a
-// read or reads a file that arrives slowly.
+// Named pipes named like images, for a worker that hangs in a read or reads slowly.
 
 #ifndef ZAV_PIPETESTHELPERS_H
 #define ZAV_PIPETESTHELPERS_H
 
 #include <QBuffer>
-#include <QByteArray>
 #include <QImage>
 #include <QRandomGenerator>
-#include <QSize>
 #include <QThread>
 
 #include <atomic>
@@ -31,24 +28,34 @@ inline qint64 millisecondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Keeps a reader of the pipe waiting until released: in open() (nobody
-// opens the write end) or, given the write end that the test opened, in its
-// read (the write end stays open without data). Once released, the held
-// write end is closed and every open of the pipe is answered by opening and
-// closing a write end, so that each reader reads an empty file. Released by
-// the test, or on its own after autoReleaseMs (never when negative), so that
-// code that waits for the reader makes a test fail instead of hang. Given the
-// reader's thread, the destructor quits it and waits for it while it still
-// answers.
+// Opens a write end of the pipe once a reader has it open, writing nothing,
+// so the reader waits in its read. A timeout of 0 tries once, a negative one
+// waits as long as it takes; -1 if no reader came in time or stop was set.
+inline int holdReaderInRead(const QByteArray &pipe, int timeoutMs, const std::atomic<bool> *stop = nullptr)
+{
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        const int writer = ::open(pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (writer >= 0 || (stop && stop->load()) || (timeoutMs >= 0 && millisecondsSince(start) >= timeoutMs)) {
+            return writer;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Keeps a reader of the pipe waiting until released: in open(), or in its
+// read given the write end the test opened (held open without data). Then
+// the held end is closed and every open answered with an empty file. Released
+// by the test or after autoReleaseMs (never when negative), so that code that
+// waits for the reader fails a test instead of hanging it. The destructor
+// quits and waits for the reader's thread, if given, while it still answers.
 class PipeReleaser
 {
 public:
     explicit PipeReleaser(const QByteArray &pipe, int autoReleaseMs = -1, int heldWriter = -1, QThread *readerThread = nullptr)
         : m_readerThread(readerThread)
         , m_heldWriter(heldWriter)
-        , m_thread([this, pipe, autoReleaseMs] {
-            run(pipe, autoReleaseMs);
-        })
+        , m_thread(&PipeReleaser::run, this, pipe, autoReleaseMs)
     {
     }
 
@@ -61,16 +68,16 @@ public:
         }
         m_stop.store(true);
         m_thread.join();
+        if (!m_released.load() && m_heldWriter >= 0) {
+            ::close(m_heldWriter);
+        }
     }
-
-    PipeReleaser(const PipeReleaser &) = delete;
-    PipeReleaser &operator=(const PipeReleaser &) = delete;
 
     void release()
     {
         m_releaseNow.store(true);
     }
-
+    // Set before the held write end is closed: while false, the reader waits.
     bool released() const
     {
         return m_released.load();
@@ -81,25 +88,19 @@ private:
     {
         const auto start = std::chrono::steady_clock::now();
         while (!m_stop.load()) {
-            if (!m_released.load()) {
-                if (!m_releaseNow.load() && (autoReleaseMs < 0 || millisecondsSince(start) < autoReleaseMs)) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                    continue;
-                }
+            if (!m_released.load() && (m_releaseNow.load() || (autoReleaseMs >= 0 && millisecondsSince(start) >= autoReleaseMs))) {
+                m_released.store(true);
                 if (m_heldWriter >= 0) {
                     ::close(m_heldWriter);
                 }
-                m_released.store(true);
             }
-            // Succeeds only while a reader has the pipe open.
-            const int writer = ::open(pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (writer >= 0) {
-                ::close(writer);
+            if (m_released.load()) {
+                const int writer = holdReaderInRead(pipe, 0);
+                if (writer >= 0) {
+                    ::close(writer);
+                }
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        if (!m_released.load() && m_heldWriter >= 0) {
-            ::close(m_heldWriter);
         }
     }
 
@@ -117,9 +118,7 @@ class SlowFeeder
 {
 public:
     SlowFeeder(const QByteArray &pipe, const QByteArray &data, int pieces, int intervalMs)
-        : m_thread([this, pipe, data, pieces, intervalMs] {
-            run(pipe, data, pieces, intervalMs);
-        })
+        : m_thread(&SlowFeeder::run, this, pipe, data, pieces, intervalMs)
     {
     }
 
@@ -133,8 +132,8 @@ public:
     {
         return m_written.load() > 0;
     }
-    // Whether the reader closed the pipe before everything was delivered,
-    // and how many ms after the start that was seen.
+    // Whether the reader closed the pipe before the end, and when (ms after
+    // the start).
     bool readerLeft() const
     {
         return m_readerLeftAt.load() >= 0;
@@ -151,13 +150,7 @@ public:
 private:
     void run(const QByteArray &pipe, const QByteArray &data, int pieces, int intervalMs)
     {
-        int writer = -1;
-        while (!m_stop.load() && writer < 0) {
-            writer = ::open(pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (writer < 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        }
+        const int writer = holdReaderInRead(pipe, -1, &m_stop);
         if (writer < 0) {
             return;
         }
@@ -169,17 +162,15 @@ private:
                 m_readerLeftAt.store(millisecondsSince(m_start));
                 break;
             }
-            if (written > 0) {
-                offset += int(written);
-                m_written.fetch_add(int(written));
-            }
+            offset += int(qMax(written, ssize_t(0)));
+            m_written.store(offset > 0);
             std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
         }
         ::close(writer);
     }
 
     std::atomic<bool> m_stop{false};
-    std::atomic<int> m_written{0};
+    std::atomic<bool> m_written{false};
     std::atomic<qint64> m_readerLeftAt{-1};
     std::chrono::steady_clock::time_point m_start;
     std::thread m_thread;
@@ -202,22 +193,6 @@ inline QByteArray noisyPng(const QSize &size)
     buffer.open(QIODevice::WriteOnly);
     picture.save(&buffer, "PNG");
     return png;
-}
-
-// Opens a write end of the pipe as soon as a reader has it open, without
-// writing, so that the reader then waits in its read; -1 if no reader came
-// within timeoutMs.
-inline int holdReaderInRead(const QByteArray &pipe, int timeoutMs)
-{
-    const auto start = std::chrono::steady_clock::now();
-    while (millisecondsSince(start) < timeoutMs) {
-        const int writer = ::open(pipe.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (writer >= 0) {
-            return writer;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return -1;
 }
 }
 

@@ -3,27 +3,24 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// The preview host as a user runs it: its command line, its errors, its
-// settings and its captured frames. Run under a real X server too (the xcb
-// platform through xvfb-run), where only the capture is checked.
+// The preview host as a user runs it: command line, errors, settings, frames.
+// Run under a real X server too (xcb through xvfb-run) for the capture.
 
 #include "testutils.h"
 
 #include <QDir>
 #include <QFile>
-#include <QImage>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryDir>
-#include <QTest>
 
 namespace
 {
 struct Result {
-    int exitCode = -1;
-    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
+    int exitCode;
+    QProcess::ExitStatus exitStatus;
     QString out;
     QString err;
 };
@@ -40,27 +37,23 @@ QString hostLine(const QString &err)
     return own.size() == 1 ? own.constFirst() : QStringLiteral("<%1 lines from the host>").arg(own.size());
 }
 
-// When a snapshot shows the first slide: its preparation takes milliseconds,
-// but the plug-in prepares it on a thread of the scheduler's idle priority,
-// which a busy machine serves last.
+// When a snapshot shows the first slide: milliseconds of work, but on a
+// thread of idle priority, which a busy machine serves last.
 const QString slideReady = QStringLiteral("2.5");
 
 Result run(const QStringList &arguments, int timeout = 60000)
 {
     QProcess process;
     process.start(QStringLiteral(ZAV_PREVIEW_PROGRAM), arguments);
-    Result result;
     if (!process.waitForFinished(timeout)) {
         process.kill();
         process.waitForFinished();
-        result.err = QStringLiteral("timed out");
-        return result;
+        return Result{-1, QProcess::CrashExit, QString(), QStringLiteral("timed out")};
     }
-    result.exitCode = process.exitCode();
-    result.exitStatus = process.exitStatus();
-    result.out = QString::fromUtf8(process.readAllStandardOutput());
-    result.err = QString::fromUtf8(process.readAllStandardError());
-    return result;
+    return Result{process.exitCode(),
+                  process.exitStatus(),
+                  QString::fromUtf8(process.readAllStandardOutput()),
+                  QString::fromUtf8(process.readAllStandardError())};
 }
 }
 
@@ -79,16 +72,11 @@ private:
     // The host in its 320 x 200 window, with its settings in the named file.
     QStringList showArguments(const QString &settingsName) const
     {
-        return {QStringLiteral("--settings"),
-                m_dir.filePath(settingsName),
-                QStringLiteral("--plugin-dir"),
-                pluginDir,
-                QStringLiteral("--window"),
-                QStringLiteral("320x200")};
+        const QStringList window{QStringLiteral("--window"), QStringLiteral("320x200")};
+        return QStringList{QStringLiteral("--settings"), m_dir.filePath(settingsName), QStringLiteral("--plugin-dir"), pluginDir} + window;
     }
 
-    // Runs the host, captures it at the given second into name.png and
-    // returns the capture, or a null image if the host failed.
+    // The host's capture at the given second (in name.png); null if it failed.
     QImage snapshot(QStringList arguments, const QString &name, const QString &at = slideReady) const
     {
         const QString file = m_dir.filePath(name + QStringLiteral(".png"));
@@ -116,44 +104,41 @@ private Q_SLOTS:
         QVERIFY(broken.open(QIODevice::WriteOnly));
         broken.write("not a shared object\n");
         m_broken = broken.fileName();
+        QSettings stored(m_dir.filePath(QStringLiteral("stored.ini")), QSettings::IniFormat);
+        stored.setValue(QStringLiteral("SlideShow/ImageDirectory"), m_green);
     }
 
-    void snapshotShowsTheSlide()
+    // Cropped, a solid image fills the frame; stored settings apply, the command
+    // line overrides; with no images the label is transparent: the window's black.
+    void snapshotShows_data()
     {
-        const QImage image = snapshot(showArguments(QStringLiteral("snapshot.ini")) << QStringLiteral("--dir") << m_red, QStringLiteral("snapshot"));
+        QTest::addColumn<QString>("settingsName");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QString>("at");
+        QTest::addColumn<QColor>("colour");
+        QTest::newRow("the slide") << QStringLiteral("snapshot.ini") << QStringList{QStringLiteral("--dir"), m_red} << slideReady << red;
+        QTest::newRow("stored settings") << QStringLiteral("stored.ini") << QStringList() << slideReady << green;
+        QTest::newRow("overridden") << QStringLiteral("stored.ini") << QStringList{QStringLiteral("--set"), QStringLiteral("ImageDirectory=") + m_red}
+                                    << slideReady << red;
+        QTest::newRow("background") << QStringLiteral("background.ini") << QStringList{QStringLiteral("--dir"), m_empty} << QStringLiteral("0.5")
+                                    << QColor(Qt::black);
+    }
+
+    void snapshotShows()
+    {
+        QFETCH(QString, settingsName);
+        QFETCH(QStringList, options);
+        QFETCH(QString, at);
+        QFETCH(QColor, colour);
+        const QImage image = snapshot(showArguments(settingsName) + options, QString::fromLatin1(QTest::currentDataTag()), at);
         QCOMPARE(image.size(), QSize(320, 200));
-        // Crop of a solid image: the whole frame is the image's colour.
-        for (const QPoint &point : {QPoint(0, 0), QPoint(160, 100), QPoint(319, 199)}) {
-            QVERIFY2(TestUtils::fuzzyColor(image.pixel(point), red, 2), qPrintable(QColor(image.pixel(point)).name()));
+        QList<QPoint> points{QPoint(0, 0), QPoint(319, 0), QPoint(0, 199), QPoint(319, 199)};
+        if (colour != Qt::black) {
+            points.append(QPoint(160, 100));
         }
-    }
-
-    void storedSettingsApplyAndTheCommandLineOverrides()
-    {
-        {
-            QSettings settings(m_dir.filePath(QStringLiteral("stored.ini")), QSettings::IniFormat);
-            settings.setValue(QStringLiteral("SlideShow/ImageDirectory"), m_green);
-        }
-        const QImage stored = snapshot(showArguments(QStringLiteral("stored.ini")), QStringLiteral("stored"));
-        QVERIFY(!stored.isNull());
-        QVERIFY(TestUtils::fuzzyColor(stored.pixel(160, 100), green, 2));
-
-        const QImage overridden = snapshot(showArguments(QStringLiteral("stored.ini")) << QStringLiteral("--set") << QStringLiteral("ImageDirectory=") + m_red,
-                                           QStringLiteral("overridden"));
-        QVERIFY(!overridden.isNull());
-        QVERIFY(TestUtils::fuzzyColor(overridden.pixel(160, 100), red, 2));
-    }
-
-    void backgroundIsBlack()
-    {
-        // An empty folder: the plug-in paints only its white message on a
-        // transparent label, so everything else is the window's own colour.
-        const QImage image = snapshot(showArguments(QStringLiteral("background.ini")) << QStringLiteral("--dir") << m_empty,
-                                      QStringLiteral("background"),
-                                      QStringLiteral("0.5"));
-        QCOMPARE(image.size(), QSize(320, 200));
-        for (const QPoint &point : {QPoint(0, 0), QPoint(319, 0), QPoint(0, 199), QPoint(319, 199)}) {
-            QCOMPARE(QColor(image.pixel(point)), QColor(Qt::black));
+        for (const QPoint &point : points) {
+            // The background exactly, a slide within the drawing's rounding.
+            QVERIFY2(TestUtils::fuzzyColor(image.pixel(point), colour, colour == Qt::black ? 0 : 2), qPrintable(QColor(image.pixel(point)).name()));
         }
     }
 
@@ -184,8 +169,7 @@ private Q_SLOTS:
                       showArguments(QStringLiteral("gl.ini")) << QStringLiteral("--dir") << m_red << QStringLiteral("--snapshot")
                                                               << m_dir.filePath(QStringLiteral("gl.png")) << QStringLiteral("--at") << QStringLiteral("30"));
         QVERIFY(process.waitForStarted());
-        // Once the plug-in is mapped, the platform and its integration are
-        // too (they come first).
+        // Once the plug-in is mapped, the platform and its integration (first) are too.
         const QString maps = QStringLiteral("/proc/%1/maps").arg(process.processId());
         QString mapped;
         const bool started = QTest::qWaitFor(
@@ -198,9 +182,8 @@ private Q_SLOTS:
         process.kill();
         process.waitForFinished();
         QVERIFY(started);
-        // Qt's GUI library links the small OpenGL dispatcher (libGL.so.1)
-        // itself; what the integration brings is the GLX plug-in, Mesa's
-        // GLX and DRI drivers and with them LLVM.
+        // Qt's GUI links the OpenGL dispatcher (libGL.so.1) itself; the
+        // integration brings the GLX plug-in, Mesa's GLX and DRI drivers, LLVM.
         const bool openGl = mapped.contains(QLatin1String("libqxcb-glx-integration")) || mapped.contains(QLatin1String("libGLX_mesa"))
             || mapped.contains(QLatin1String("_dri.so")) || mapped.contains(QLatin1String("/libLLVM"));
         if (loaded && !openGl) {
@@ -236,8 +219,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<int>("exitCode");
-        // The host's line after its name; for a broken file, what it begins
-        // with (Qt's own reason follows).
+        // The host's line after its name; for a broken file its start (Qt's reason follows).
         QTest::addColumn<QString>("message");
 
         const QString pluginDirOption = QStringLiteral("--plugin-dir");

@@ -14,17 +14,13 @@
 #include "testutils.h"
 
 #include <QHBoxLayout>
-#include <QImage>
 #include <QPalette>
-#include <QTest>
-#include <QWidget>
 
 namespace TestUtils
 {
 // The screensaver as a greeter shows it: filling a black window (or one of
-// another colour). The
-// switches are the test's to make (an interval of an hour) unless it applies
-// settings of its own.
+// another colour). The switches are the test's to make (an interval of an
+// hour) unless it applies settings of its own.
 struct ShowHost {
     QWidget window;
     Dm::ScreenSaver::SlideShow *show = nullptr;
@@ -78,8 +74,7 @@ struct ShowHost {
     {
         return window.grab(QRect(point, QSize(1, 1))).toImage().pixel(0, 0);
     }
-    // Waits until the centre shows the colour, within the rounding of the
-    // drawing.
+    // Waits until the centre shows the colour, within the drawing's rounding.
     bool shows(const QColor &colour, int timeout = 20000)
     {
         return QTest::qWaitFor(
