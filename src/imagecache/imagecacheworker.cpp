@@ -12,9 +12,12 @@
 
 #include "plugin/slideshowconstants.h"
 
+#include <QCoreApplication>
 #include <QMetaObject>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -60,6 +63,76 @@ qint64 bytesOf(const QList<QPixmap> &pixmaps)
     return bytes;
 }
 
+// Qt ends the process when a pixmap is made, even a null one or a copy,
+// once the application object is gone; a worker still preparing as the
+// application goes would do that. So the preparations pass a gate that the
+// application closes as it goes: none starts after that, the ones under way
+// end at their next look at the reading's cancellation, and the application
+// gives them a few seconds to do so (a read held by a dead share is left to
+// the process's end: it makes no pixmap while it is held).
+struct PreparationGate {
+    std::mutex mutex;
+    std::condition_variable finished;
+    int working = 0;
+    bool closed = false;
+};
+
+PreparationGate &preparationGate()
+{
+    // Never destroyed: a worker may still pass it while the process ends.
+    static auto *gate = new PreparationGate;
+    return *gate;
+}
+
+bool preparationGateClosed()
+{
+    PreparationGate &gate = preparationGate();
+    std::lock_guard<std::mutex> locker(gate.mutex);
+    return gate.closed;
+}
+
+void closePreparationGate()
+{
+    PreparationGate &gate = preparationGate();
+    std::unique_lock<std::mutex> locker(gate.mutex);
+    gate.closed = true;
+    gate.finished.wait_for(locker, std::chrono::seconds(3), [&gate] {
+        return gate.working == 0;
+    });
+}
+
+// Holds the gate open for one preparation, if it still is.
+class PreparationPass
+{
+public:
+    PreparationPass()
+    {
+        PreparationGate &gate = preparationGate();
+        std::lock_guard<std::mutex> locker(gate.mutex);
+        m_passed = !gate.closed;
+        gate.working += m_passed ? 1 : 0;
+    }
+    ~PreparationPass()
+    {
+        if (m_passed) {
+            PreparationGate &gate = preparationGate();
+            std::lock_guard<std::mutex> locker(gate.mutex);
+            --gate.working;
+            gate.finished.notify_all();
+        }
+    }
+    PreparationPass(const PreparationPass &) = delete;
+    PreparationPass &operator=(const PreparationPass &) = delete;
+
+    explicit operator bool() const
+    {
+        return m_passed;
+    }
+
+private:
+    bool m_passed = false;
+};
+
 // The path of a request key: everything before the size.
 QString pathOfKey(const QString &key)
 {
@@ -70,6 +143,12 @@ QString pathOfKey(const QString &key)
 ImageCacheWorker::ImageCacheWorker(QObject *parent)
     : QObject(parent)
 {
+    // Made on the GUI thread, as the post routines want.
+    static bool gateRoutineAdded = false;
+    if (!gateRoutineAdded && QCoreApplication::instance()) {
+        qAddPostRoutine(closePreparationGate);
+        gateRoutineAdded = true;
+    }
 }
 
 // Runs in the worker's thread once its event loop has ended; nothing is
@@ -193,6 +272,10 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
 {
     qCDebug(slideShowLog) << "ImageCacheWorker: internal image processing:" << path;
     const QString key = getRequestKey(path, screenGeom);
+    const PreparationPass pass;
+    if (!pass) {
+        return;
+    }
 
     enum class Start { Outdated, Served, Passed, Deferred, AlreadyCached, Prepare };
     Start start = Start::Prepare;
@@ -282,7 +365,7 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
         devicePixelRatio,
         Position(position),
         [this, requestGeneration] {
-            return generation.load() != requestGeneration || preparationUnwanted.load();
+            return generation.load() != requestGeneration || preparationUnwanted.load() || preparationGateClosed();
         },
         &gone,
         &workingBytes);

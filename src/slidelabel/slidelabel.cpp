@@ -266,7 +266,12 @@ void SlideLabel::mergeIntoRound(const FolderListing &listing)
 
 QStringList SlideLabel::shuffled(QStringList paths, const QString &notFirst)
 {
-    std::shuffle(paths.begin(), paths.end(), random);
+    // Fisher and Yates, drawn with the generator's own bounded(): the
+    // standard library's distributions over it would be template code
+    // instantiated for a Qt class, which the module would export.
+    for (int i = paths.size() - 1; i > 0; --i) {
+        std::swap(paths[i], paths[int(random.bounded(i + 1))]);
+    }
     // A round never begins with the slide the one before ended on.
     if (paths.size() > 1 && paths.first() == notFirst) {
         std::swap(paths.first(), paths[1 + int(random.bounded(paths.size() - 1))]);
