@@ -40,12 +40,6 @@ namespace
 {
 const QRect screen(0, 0, 300, 200);
 
-// The warning of a preparation given up over its time budget, streamed with
-// the budget and the limit on the clock. It belongs in LogText with the others.
-constexpr char givenUp[] = "ImageCacheWorker: Reading and decoding took more than";
-constexpr char givenUpBudget[] = "ms of processor time or";
-constexpr char givenUpLimit[] = "ms in all, the image is given up:";
-
 // A debug line of the plug-in, and the one that tells the cache's size.
 template<typename... Values>
 LogEntry debugLine(const char *leading, const Values &...values)
@@ -763,7 +757,12 @@ private Q_SLOTS:
         QCOMPARE(shown.pixel(10, 10), qRgb(0, 0, 0));
         QCOMPARE(shown.pixel(150, 100), qRgb(0, 0, 0));
         QCOMPARE(recorder.texts(QtWarningMsg),
-                 (QStringList{logText(givenUp, ImageCacheWorker::preparationBudget, givenUpBudget, ImageCacheWorker::preparationTimeLimit, givenUpLimit, path),
+                 (QStringList{logText(LogText::givenUp,
+                                      ImageCacheWorker::preparationBudget,
+                                      LogText::givenUpBudget,
+                                      ImageCacheWorker::preparationTimeLimit,
+                                      LogText::givenUpLimit,
+                                      path),
                               TestUtils::loadWarning(path)}));
     }
 

@@ -38,6 +38,10 @@ constexpr char invalidLookup[] = "ImageCacheWorker: getCachedImage is called wit
 constexpr char invalidSynchronous[] = "ImageCacheWorker: processImageSynchronously called with invalid geometry, pass:";
 constexpr char nullImage[] = "ImageCacheWorker: The processed image is equal to NULL for the way:";
 constexpr char unknownPosition[] = "ImageCacheWorker: Unknown positioning mode, return to stretching for the path:";
+// Streamed with the budget, the time limit and the path between them.
+constexpr char givenUp[] = "ImageCacheWorker: Reading and decoding took more than";
+constexpr char givenUpBudget[] = "ms of processor time or";
+constexpr char givenUpLimit[] = "ms in all, the image is given up:";
 // Formatted with the path (%0), then quoted as a whole.
 constexpr char loadFailed[] = "ImageCacheWorker: It was not possible to load the original image: %0 ";
 
@@ -59,6 +63,9 @@ constexpr char onlyMissing[] = "SlideLabel: The only image is not available from
 constexpr char noImages[] = "SlideLabel: The specified directory (%0) does not exist or does not contain image files.";
 // The old shutdown's warning, which a teardown that never waits cannot log.
 constexpr char shutdownTimeout[] = "SlideLabel: Cache thread did not finish correctly within the timeout.";
+
+// The dialog, in the default category: a choice box filled twice.
+constexpr char comboBoxAgain[] = "alignmentComboBox is already";
 
 // The show.
 constexpr char widgetProperty[] = "SlideShow Widget set property:";

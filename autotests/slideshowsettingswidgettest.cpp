@@ -199,7 +199,7 @@ private Q_SLOTS:
         QCOMPARE(again, box);
         QCOMPARE(box->count(), values.size());
         // All three warn with the same text, in the default category.
-        const QList<LogEntry> expected = {{QStringLiteral("default"), QtWarningMsg, QStringLiteral("alignmentComboBox is already")}};
+        const QList<LogEntry> expected = {{QStringLiteral("default"), QtWarningMsg, QString::fromLatin1(LogText::comboBoxAgain)}};
         QCOMPARE(recorder.entries(), expected);
     }
 

@@ -100,7 +100,7 @@ QString logText(const char *leading, const Values &...values)
     {
         QDebug stream(&text);
         stream << leading;
-        (stream << ... << values);
+        ((stream << values), ...);
     }
     // A QDebug on a string keeps the blank after its last item; the message
     // handler never sees that blank.
