@@ -7,59 +7,26 @@
 #include "imagemetrics.h"
 #include "testutils.h"
 
-#include <QApplication>
 #include <QBuffer>
 #include <QFile>
-#include <QFileInfo>
-#include <QGuiApplication>
 #include <QImageReader>
 #include <QImageWriter>
 #include <QPainter>
-#include <QProcess>
 #include <QTemporaryDir>
-#include <QTest>
 #include <QTransform>
-
-#include <cstdio>
+#include <QtEndian>
 
 using namespace Dm::ScreenSaver;
 
 // The "Position" setting stores these numbers: a change breaks every stored
 // setting, and the build.
 static_assert(int(Stretch) == 0 && int(Crop) == 1 && int(Tile) == 2 && int(Center) == 3 && int(Fit) == 4, "the fitting modes' stored values");
+using TestUtils::loadWarning;
 using TestUtils::LogEntry;
 using TestUtils::LogRecorder;
 
 namespace
 {
-const char childEnvironment[] = "ZAV_FITTING_CHILD_PATH";
-const char childModeEnvironment[] = "ZAV_FITTING_CHILD_MODE";
-// The target, 640x480 unless given, and a file to save the result in.
-const char childSizeEnvironment[] = "ZAV_FITTING_CHILD_SIZE";
-const char childResultEnvironment[] = "ZAV_FITTING_CHILD_RESULT";
-
-// Fits a file in a child process, so that the peak memory is the
-// preparation's own; returns the child's lines (warnings, then the result)
-// and sets the peak in KiB.
-QStringList fitInChild(const QString &path, int mode, const QSize &size, const QString &resultFile, qint64 *peakKiB)
-{
-    QProcess child;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QString::fromLatin1(childEnvironment), path);
-    environment.insert(QString::fromLatin1(childModeEnvironment), QString::number(mode));
-    environment.insert(QString::fromLatin1(childSizeEnvironment), QStringLiteral("%1x%2").arg(size.width()).arg(size.height()));
-    environment.insert(QString::fromLatin1(childResultEnvironment), resultFile);
-    child.setProcessEnvironment(environment);
-    child.start(QCoreApplication::applicationFilePath(), QStringList());
-    if (!child.waitForFinished(300000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0) {
-        qWarning("the child failed: %s", child.readAllStandardError().constData());
-        return {};
-    }
-    QStringList lines = QString::fromLatin1(child.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    *peakKiB = lines.isEmpty() ? -1 : lines.takeLast().section(QLatin1Char(' '), 1).toLongLong();
-    return lines;
-}
-
 // Every pixel different from its neighbours, so that any shift of a copied
 // region shows.
 QImage patternImage(const QSize &size)
@@ -74,49 +41,19 @@ QImage patternImage(const QSize &size)
     return image;
 }
 
-// LZW data of a GIF frame of pixels pixels, all of colour index 0, with a
-// minimum code size of 2: a clear code before every code 0, so that the
-// decoder's table never grows and every code stays three bits wide.
-QByteArray gifWhiteData(int pixels)
-{
-    QByteArray codes;
-    quint32 bits = 0;
-    int used = 0;
-    const auto put = [&](int code, int width) {
-        bits |= quint32(code) << used;
-        used += width;
-        while (used >= 8) {
-            codes.append(char(bits & 0xff));
-            bits >>= 8;
-            used -= 8;
-        }
-    };
-    // Code size 2: clear is 4, end 5.
-    for (int i = 0; i < pixels; ++i) {
-        put(4, 3);
-        put(0, 3);
-    }
-    put(5, 3);
-    if (used > 0) {
-        codes.append(char(bits & 0xff));
-    }
-    QByteArray data(1, char(2));
-    for (int i = 0; i < codes.size(); i += 255) {
-        const QByteArray block = codes.mid(i, 255);
-        data.append(char(block.size())).append(block);
-    }
-    data.append(char(0));
-    return data;
-}
+// The modes of the first design, by name.
+const QList<QPair<const char *, int>> firstModes = {{"stretch", Stretch}, {"crop", Crop}, {"tile", Tile}, {"center", Center}};
 
-// One data row per fitting mode, in the column "position".
-void addModeRows()
+// A canvas of the colour with the rectangles painted on it.
+QImage canvas(const QSize &size, const QColor &background, const QList<QPair<QRect, QColor>> &areas = {})
 {
-    QTest::addColumn<int>("position");
-    QTest::newRow("stretch") << int(Stretch);
-    QTest::newRow("crop") << int(Crop);
-    QTest::newRow("tile") << int(Tile);
-    QTest::newRow("center") << int(Center);
+    QImage image(size, QImage::Format_RGB32);
+    image.fill(background);
+    QPainter painter(&image);
+    for (const auto &area : areas) {
+        painter.fillRect(area.first, area.second);
+    }
+    return image;
 }
 
 QImage toRgb(const QPixmap &pixmap)
@@ -124,9 +61,20 @@ QImage toRgb(const QPixmap &pixmap)
     return pixmap.toImage().convertToFormat(QImage::Format_RGB32);
 }
 
-LogEntry warning(const QString &text)
+QByteArray encoded(const QImage &image, const char *format, int quality = -1)
 {
-    return LogEntry{QStringLiteral("zav-tev.screensaver.slideshow"), QtWarningMsg, text};
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, format, quality);
+    return bytes;
+}
+
+// Writes the bytes and returns the path, or an empty string on error.
+QString writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? path : QString();
 }
 }
 
@@ -137,6 +85,15 @@ class ImageFittingTest : public QObject
 private:
     QTemporaryDir m_dir;
     ImageCacheWorker m_worker;
+
+    // The mode function of that position that takes a path.
+    QPixmap byPath(int position, const QString &path, const QSize &target, double ratio)
+    {
+        return position == Crop  ? m_worker.crop(path, target, ratio)
+            : position == Tile   ? m_worker.tile(path, target, ratio)
+            : position == Center ? m_worker.center(path, target, ratio)
+                                 : m_worker.stretch(path, target);
+    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -194,464 +151,239 @@ private Q_SLOTS:
         QVERIFY(recorder.entries().isEmpty());
     }
 
-    void cropAtRatioTwoFillsTheWholeCanvas()
+    void modesPaintTheExpectedCanvas_data()
     {
-        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("crop-white.png"), QSize(400, 300), Qt::white);
-        const QPixmap result = m_worker.crop(path, QSize(640, 360), 2.0);
-        QCOMPARE(result.size(), QSize(640, 360));
-        QCOMPARE(result.devicePixelRatio(), 2.0);
-        const QImage image = toRgb(result);
-        QCOMPARE(image.pixel(0, 0), qRgb(255, 255, 255));
-        QCOMPARE(image.pixel(639, 359), qRgb(255, 255, 255));
-        QCOMPARE(image.pixel(320, 180), qRgb(255, 255, 255));
-    }
-
-    void centerDrawsAtTheMiddle_data()
-    {
+        QTest::addColumn<QImage>("source");
+        QTest::addColumn<int>("position");
         QTest::addColumn<double>("ratio");
-        QTest::addColumn<QPoint>("lastImagePixel");
-        QTest::newRow("ratio 1") << 1.0 << QPoint(1459, 789);
+        QTest::addColumn<QImage>("expected");
+        QTest::addColumn<double>("pixelRatio");
+        const QImage white = canvas(QSize(1000, 500), Qt::white);
+        const QSize fullHd(1920, 1080);
+        QTest::newRow("crop, ratio 2") << canvas(QSize(400, 300), Qt::white) << int(Crop) << 2.0 << canvas(QSize(640, 360), Qt::white) << 2.0;
+        QTest::newRow("center, ratio 1") << white << int(Center) << 1.0 << canvas(fullHd, Qt::black, {{QRect(460, 290, 1000, 500), Qt::white}}) << 1.0;
         // At ratio 2 the image is drawn at (230, 145) logical, that is the
         // same device pixel, but at its own logical size, twice as large.
-        QTest::newRow("ratio 2") << 2.0 << QPoint(1919, 1079);
-    }
-
-    void centerDrawsAtTheMiddle()
-    {
-        QFETCH(double, ratio);
-        QFETCH(QPoint, lastImagePixel);
-
-        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("center.png"), QSize(1000, 500), Qt::white);
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), ratio, Center);
-        QCOMPARE(result.size(), QSize(1920, 1080));
-        QCOMPARE(result.devicePixelRatio(), ratio);
-
-        const QImage image = toRgb(result);
-        const QRgb white = qRgb(255, 255, 255);
-        const QRgb black = qRgb(0, 0, 0);
-        QCOMPARE(image.pixel(460, 290), white);
-        QCOMPARE(image.pixel(459, 290), black);
-        QCOMPARE(image.pixel(460, 289), black);
-        QCOMPARE(image.pixel(lastImagePixel), white);
-        if (lastImagePixel.x() < 1919) {
-            QCOMPARE(image.pixel(lastImagePixel.x() + 1, lastImagePixel.y()), black);
-            QCOMPARE(image.pixel(lastImagePixel.x(), lastImagePixel.y() + 1), black);
+        QTest::newRow("center, ratio 2") << white << int(Center) << 2.0 << canvas(fullHd, Qt::black, {{QRect(460, 290, 1460, 790), Qt::white}}) << 2.0;
+        // Cut on all sides: x = (1920 - 3000) / 2 = -540, y = (1080 - 2000) / 2 = -460.
+        const QImage large = patternImage(QSize(3000, 2000));
+        QTest::newRow("center, large") << large << int(Center) << 1.0 << large.copy(540, 460, 1920, 1080) << 1.0;
+        // Stretch fills the canvas, whatever the shape of the file, at ratio 1.
+        const QColor green(10, 200, 30);
+        QTest::newRow("stretch") << canvas(QSize(300, 100), green) << int(Stretch) << 2.0 << canvas(QSize(400, 400), green) << 1.0;
+        // 1 x 1 pixel at ratio 2: a step of int(0.5) = 0 would never advance.
+        QTest::newRow("tile, zero step") << canvas(QSize(1, 1), Qt::white) << int(Tile) << 2.0 << canvas(QSize(300, 200), Qt::black) << 2.0;
+        // A tile starts every 100 x 60 device pixels, its blue corner pixel
+        // drawn ratio device pixels wide. At ratio 2, steps of 50 logical
+        // pixels, tiles of 100: each tile is overwritten by the next one from
+        // its middle on.
+        const QImage tile = canvas(QSize(100, 60), Qt::red, {{QRect(0, 0, 1, 1), Qt::blue}});
+        for (int ratio : {1, 2}) {
+            const QSize target = ratio == 1 ? QSize(250, 130) : QSize(400, 240);
+            QList<QPair<QRect, QColor>> corners;
+            for (int x = 0; x < target.width(); x += 100) {
+                for (int y = 0; y < target.height(); y += 60) {
+                    corners.append({QRect(x, y, ratio, ratio), Qt::blue});
+                }
+            }
+            QTest::addRow("tile, ratio %d", ratio) << tile << int(Tile) << double(ratio) << canvas(target, Qt::red, corners) << double(ratio);
         }
-        QCOMPARE(image.pixel(0, 0), black);
     }
 
-    void centerCutsALargeImageOnAllSides()
+    // Each mode paints the file on a black canvas of the target's size.
+    void modesPaintTheExpectedCanvas()
     {
-        const QImage source = patternImage(QSize(3000, 2000));
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("large.png"), source);
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 1920, 1080), 1.0, Center);
-        // x = (1920 - 3000) / 2 = -540, y = (1080 - 2000) / 2 = -460.
-        QCOMPARE(toRgb(result), source.copy(540, 460, 1920, 1080));
-    }
-
-    void unknownPositionWarnsAndStretches()
-    {
-        const QImage source = patternImage(QSize(300, 200));
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("seven.png"), source);
-
-        LogRecorder recorder;
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 640, 480), 2.0, Position(7));
-        const QList<LogEntry> expected = {
-            warning(QStringLiteral("ImageCacheWorker: Unknown positioning mode, return to stretching for the path: \"%1\"").arg(path))};
-        QCOMPARE(recorder.entries(), expected);
-        QCOMPARE(toRgb(result), toRgb(m_worker.stretch(path, QSize(640, 480))));
-        QCOMPARE(result.devicePixelRatio(), 1.0);
-    }
-
-    void missingFileGivesABlackCanvas_data()
-    {
-        addModeRows();
-    }
-
-    void missingFileGivesABlackCanvas()
-    {
+        QFETCH(QImage, source);
         QFETCH(int, position);
-        const QString path = m_dir.filePath(QStringLiteral("does-not-exist.jpg"));
+        QFETCH(double, ratio);
+        QFETCH(QImage, expected);
+        QFETCH(double, pixelRatio);
+        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("canvas.png"), source);
+        LogRecorder recorder;
+        const QPixmap result = m_worker.cachedImage(path, QRect(QPoint(), expected.size()), ratio, Position(position));
+        QVERIFY(recorder.entries().isEmpty());
+        QCOMPARE(result.devicePixelRatio(), pixelRatio);
+        QString why;
+        QVERIFY2(TestUtils::fuzzyEqual(toRgb(result), expected, 0, &why), qPrintable(why));
+    }
+
+    void unloadableFileGivesABlackCanvas_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<int>("position");
+        // No file at all, in every mode.
+        for (const auto &mode : firstModes) {
+            QTest::addRow("missing, %s", mode.first) << QByteArray() << mode.second;
+        }
+        QTest::newRow("empty") << QByteArray("") << int(Crop);
+        QTest::newRow("text") << QByteArray("this is not an image\n") << int(Crop);
+        QTest::newRow("truncated png") << encoded(patternImage(QSize(64, 64)), "PNG").left(40) << int(Crop);
+    }
+
+    void unloadableFileGivesABlackCanvas()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(int, position);
+        const QString path =
+            m_dir.filePath(QStringLiteral("bad-%1.jpg").arg(QString::fromLatin1(QTest::currentDataTag())).replace(QLatin1Char(' '), QLatin1Char('-')));
+        if (!content.isNull()) {
+            QVERIFY(!writeFile(path, content).isEmpty());
+        }
 
         LogRecorder recorder;
         const QPixmap result = m_worker.cachedImage(path, QRect(10, 20, 300, 200), 1.5, Position(position));
-        const QList<LogEntry> expected = {warning(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path))};
-        QCOMPARE(recorder.entries(), expected);
-        QCOMPARE(result.size(), QSize(300, 200));
+        COMPARE_LOG(recorder, {TestUtils::warningEntry(loadWarning(path))});
         QCOMPARE(result.devicePixelRatio(), 1.5);
-        const QImage image = toRgb(result);
-        for (const QPoint &point : {QPoint(0, 0), QPoint(299, 199), QPoint(150, 100)}) {
-            QCOMPARE(image.pixel(point), qRgb(0, 0, 0));
+        QVERIFY(TestUtils::fuzzyEqual(result.toImage(), canvas(QSize(300, 200), Qt::black), 0));
+        if (content.isNull()) {
+            // Nor does Qt say anything of a file that is not there.
+            QCOMPARE(recorder.entries().size(), 1);
+            // Of the mode functions that load the file themselves, Stretch
+            // gives nothing, the others the black canvas.
+            const QPixmap direct = byPath(position, path, QSize(200, 100), 1.0);
+            QCOMPARE(direct.isNull(), position == Stretch);
+            QVERIFY(direct.isNull() || TestUtils::fuzzyEqual(direct.toImage(), canvas(QSize(200, 100), Qt::black), 0));
         }
     }
 
-    void unreadableContentGivesABlackCanvas_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::newRow("empty") << QByteArray();
-        QTest::newRow("text") << QByteArray("this is not an image\n");
-        QByteArray png;
-        {
-            QBuffer buffer(&png);
-            buffer.open(QIODevice::WriteOnly);
-            patternImage(QSize(64, 64)).save(&buffer, "PNG");
-        }
-        QTest::newRow("truncated png") << png.left(40);
-    }
-
-    void unreadableContentGivesABlackCanvas()
-    {
-        QFETCH(QByteArray, content);
-        const QString path =
-            m_dir.filePath(QStringLiteral("bad-%1.jpg").arg(QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'))));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content);
-        file.close();
-
-        LogRecorder recorder;
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 200, 150), 1.0, Crop);
-        QCOMPARE(recorder.texts(QtWarningMsg),
-                 QStringList(QStringLiteral("\"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path)));
-        QCOMPARE(result.size(), QSize(200, 150));
-        QCOMPARE(toRgb(result).pixel(100, 75), qRgb(0, 0, 0));
-    }
-
-    void stretchKeepsTheRatioOfTheFile()
-    {
-        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("stretch.png"), QSize(300, 100), QColor(10, 200, 30));
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 400, 400), 2.0, Stretch);
-        QCOMPARE(result.size(), QSize(400, 400));
-        QCOMPARE(result.devicePixelRatio(), 1.0);
-        QCOMPARE(toRgb(result).pixel(0, 0), qRgb(10, 200, 30));
-        QCOMPARE(toRgb(result).pixel(399, 399), qRgb(10, 200, 30));
-    }
-
-    void stretchOfAVanishedFileIsNull()
-    {
-        QVERIFY(m_worker.stretch(m_dir.filePath(QStringLiteral("vanished.png")), QSize(200, 200)).isNull());
-    }
-
-    void tileRepeatsFromTheTopLeft()
-    {
-        QImage source(100, 60, QImage::Format_RGB32);
-        source.fill(Qt::red);
-        source.setPixel(0, 0, qRgb(0, 0, 255));
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tile.png"), source);
-
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 250, 130), 1.0, Tile);
-        QCOMPARE(result.size(), QSize(250, 130));
-        const QImage image = toRgb(result);
-        for (int x = 0; x < 250; x += 100) {
-            for (int y = 0; y < 130; y += 60) {
-                QCOMPARE(image.pixel(x, y), qRgb(0, 0, 255));
-                QCOMPARE(image.pixel(x + 1, y), qRgb(255, 0, 0));
-            }
-        }
-        QCOMPARE(image.pixel(249, 129), qRgb(255, 0, 0));
-    }
-
-    void tileAtRatioTwoOverlaps()
-    {
-        // Steps of 50 logical pixels, tiles of 100 logical pixels: each tile
-        // is overwritten by the next one from its middle on.
-        QImage source(100, 60, QImage::Format_RGB32);
-        source.fill(Qt::red);
-        source.setPixel(0, 0, qRgb(0, 0, 255));
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tile2.png"), source);
-
-        const QPixmap result = m_worker.tile(path, QSize(400, 240), 2.0);
-        QCOMPARE(result.devicePixelRatio(), 2.0);
-        const QImage image = toRgb(result);
-        // Logical (50, 30) starts a tile: device (100, 60), two device pixels wide.
-        QCOMPARE(image.pixel(100, 60), qRgb(0, 0, 255));
-        QCOMPARE(image.pixel(101, 61), qRgb(0, 0, 255));
-        QCOMPARE(image.pixel(102, 60), qRgb(255, 0, 0));
-        QCOMPARE(image.pixel(0, 0), qRgb(0, 0, 255));
-    }
-
-    void tileWithAZeroStepDrawsNothing()
-    {
-        // 1 x 1 pixel at ratio 2: a step of int(0.5) = 0 would never advance.
-        const QString path = TestUtils::writeSolidImage(m_dir.path(), QStringLiteral("dot.png"), QSize(1, 1), Qt::white);
-        LogRecorder recorder;
-        const QPixmap result = m_worker.cachedImage(path, QRect(0, 0, 300, 200), 2.0, Tile);
-        QCOMPARE(result.size(), QSize(300, 200));
-        QCOMPARE(result.devicePixelRatio(), 2.0);
-        QCOMPARE(toRgb(result).pixel(0, 0), qRgb(0, 0, 0));
-        QCOMPARE(toRgb(result).pixel(150, 100), qRgb(0, 0, 0));
-        QVERIFY(recorder.entries().isEmpty());
-    }
-
-    void tileOfAMissingFileDrawsNothing()
-    {
-        const QPixmap result = m_worker.tile(m_dir.filePath(QStringLiteral("gone.png")), QSize(300, 200), 1.0);
-        QCOMPARE(result.size(), QSize(300, 200));
-        QCOMPARE(toRgb(result).pixel(150, 100), qRgb(0, 0, 0));
-    }
-
-    void modesOfAVanishedFileGiveTheBlackCanvas()
-    {
-        const QString path = m_dir.filePath(QStringLiteral("vanished.png"));
-        for (const QPixmap &result : {m_worker.crop(path, QSize(200, 100), 1.0), m_worker.center(path, QSize(200, 100), 1.0)}) {
-            QCOMPARE(result.size(), QSize(200, 100));
-            QCOMPARE(toRgb(result).pixel(100, 50), qRgb(0, 0, 0));
-        }
-    }
-
-    void decodingOnceGivesTheSamePixels_data()
-    {
-        QTest::addColumn<int>("position");
-        QTest::addColumn<double>("ratio");
-        QTest::addColumn<QSize>("imageSize");
-        const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"tile", Tile}, {"center", Center}};
-        for (const auto &mode : modes) {
-            for (double ratio : {1.0, 1.5, 2.0}) {
-                // Not larger than what the mode shows of them on 480 x 270:
-                // as large, smaller, wider but not as tall.
-                for (const QSize &size : {QSize(480, 270), QSize(90, 130), QSize(700, 200)}) {
-                    QTest::addRow("%s ratio %.1f %dx%d", mode.first, ratio, size.width(), size.height()) << mode.second << ratio << size;
-                }
-            }
-        }
-    }
-
-    void decodingOnceGivesTheSamePixels()
-    {
-        // cachedImage hands the pixmap it loaded to the mode; the path-taking
-        // mode functions load the whole file again, as every mode once did.
-        // An image no larger than what is shown of it is read as it is, so
-        // the pixels are exactly the same.
-        QFETCH(int, position);
-        QFETCH(double, ratio);
-        QFETCH(QSize, imageSize);
-        QImage source = patternImage(imageSize).convertToFormat(QImage::Format_ARGB32);
-        source.setPixel(3, 3, qRgba(10, 20, 30, 40));
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("once-%1x%2.png").arg(imageSize.width()).arg(imageSize.height()), source);
-        const QSize target(480, 270);
-
-        const QPixmap once = m_worker.cachedImage(path, QRect(QPoint(5, 7), target), ratio, Position(position));
-        QPixmap twice;
-        switch (position) {
-        case Stretch:
-            twice = m_worker.stretch(path, target);
-            break;
-        case Crop:
-            twice = m_worker.crop(path, target, ratio);
-            break;
-        case Tile:
-            twice = m_worker.tile(path, target, ratio);
-            break;
-        default:
-            twice = m_worker.center(path, target, ratio);
-            break;
-        }
-        QCOMPARE(once.size(), twice.size());
-        QCOMPARE(once.devicePixelRatio(), twice.devicePixelRatio());
-        QCOMPARE(once.toImage(), twice.toImage());
-    }
-
-    void reducedDecodingLooksLikeTheFullDecode_data()
+    void preparedLikeByTheModeFunctions_data()
     {
         QTest::addColumn<QByteArray>("format");
         QTest::addColumn<int>("position");
         QTest::addColumn<double>("ratio");
         QTest::addColumn<QSize>("imageSize");
-        for (const QByteArray &format : {QByteArray("jpg"), QByteArray("png")}) {
-            const QList<QPair<const char *, int>> modes = {{"stretch", Stretch}, {"crop", Crop}, {"unknown mode", 7}};
-            for (const auto &mode : modes) {
-                for (double ratio : {1.0, 1.5, 2.0}) {
+        // An unknown mode stretches.
+        for (const auto &mode : firstModes + QList<QPair<const char *, int>>{{"unknown mode", 7}}) {
+            for (double ratio : {1.0, 1.5, 2.0}) {
+                // Not larger than what the mode shows of them on 480 x 270:
+                // as large, smaller, wider but not as tall.
+                for (const QSize &size : {QSize(480, 270), QSize(90, 130), QSize(700, 200)}) {
+                    QTest::addRow("%s ratio %.1f %dx%d", mode.first, ratio, size.width(), size.height()) << QByteArray("png") << mode.second << ratio << size;
+                }
+                // Larger than 640 x 360, where Stretch and Crop show them whole
+                // or nearly.
+                for (const QByteArray &format : {QByteArray("jpg"), QByteArray("png")}) {
                     for (const QSize &size : {QSize(2400, 1500), QSize(1500, 2400)}) {
-                        QTest::addRow("%s %s ratio %.1f %dx%d", format.constData(), mode.first, ratio, size.width(), size.height())
-                            << format << mode.second << ratio << size;
+                        if (mode.second != Tile && mode.second != Center) {
+                            QTest::addRow("%s %s ratio %.1f %dx%d", format.constData(), mode.first, ratio, size.width(), size.height())
+                                << format << mode.second << ratio << size;
+                        }
                     }
                 }
             }
         }
     }
 
-    void reducedDecodingLooksLikeTheFullDecode()
+    // cachedImage hands the pixmap it loaded to the mode; the mode functions
+    // that take a path load the whole file again, as every mode once did. An
+    // image no larger than what is shown of it is read as it is, to the same
+    // pixels; a larger one is read already reduced by the decoder instead of
+    // decoded in full and scaled smoothly afterwards, and must look the same.
+    void preparedLikeByTheModeFunctions()
     {
-        // Larger than the target: read already reduced by the decoder
-        // instead of decoded in full and scaled smoothly afterwards. The
-        // result must look the same.
         QFETCH(QByteArray, format);
         QFETCH(int, position);
         QFETCH(double, ratio);
         QFETCH(QSize, imageSize);
-        const QImage source = ImageMetrics::photoLike(imageSize.width(), imageSize.height(), 11);
-        const QString path =
-            TestUtils::writeImage(m_dir.path(),
-                                  QStringLiteral("reduced-%1x%2.%3").arg(imageSize.width()).arg(imageSize.height()).arg(QString::fromLatin1(format)),
-                                  source);
-        const QSize target(640, 360);
-
-        QPixmap reduced;
-        {
-            LogRecorder recorder;
-            reduced = m_worker.cachedImage(path, QRect(QPoint(0, 0), target), ratio, Position(position));
-            // Only the unknown mode says something.
-            QCOMPARE(recorder.texts(QtWarningMsg).size(), position == 7 ? 1 : 0);
+        const bool reduced = imageSize.width() > 1000 || imageSize.height() > 1000;
+        QImage source = ImageMetrics::photoLike(imageSize.width(), imageSize.height(), 11);
+        if (!reduced) {
+            source = patternImage(imageSize).convertToFormat(QImage::Format_ARGB32);
+            source.setPixel(3, 3, qRgba(10, 20, 30, 40));
         }
-        const QPixmap full = position == Crop ? m_worker.crop(path, target, ratio) : m_worker.stretch(path, target);
-        QCOMPARE(reduced.size(), full.size());
-        QCOMPARE(reduced.devicePixelRatio(), full.devicePixelRatio());
-        const double psnr = ImageMetrics::psnr(reduced.toImage(), full.toImage());
+        const QString name = QStringLiteral("prepared-%1x%2.%3").arg(imageSize.width()).arg(imageSize.height()).arg(QString::fromLatin1(format));
+        const QString path = TestUtils::writeImage(m_dir.path(), name, source);
+        const QSize target = reduced ? QSize(640, 360) : QSize(480, 270);
+
+        LogRecorder recorder;
+        const QPixmap once = m_worker.cachedImage(path, QRect(QPoint(5, 7), target), ratio, Position(position));
+        // Only the unknown mode says something.
+        COMPARE_LOG(recorder, position == 7 ? QList<LogEntry>{TestUtils::warningEntry(TestUtils::logText(LogText::unknownPosition, path))} : QList<LogEntry>());
+        const QPixmap full = byPath(position, path, target, ratio);
+        QCOMPARE(once.size(), full.size());
+        QCOMPARE(once.devicePixelRatio(), full.devicePixelRatio());
+        if (!reduced) {
+            QCOMPARE(once.toImage(), full.toImage());
+            return;
+        }
+        const double psnr = ImageMetrics::psnr(once.toImage(), full.toImage());
         QVERIFY2(psnr >= 38, qPrintable(QString::number(psnr)));
         qInfo("PSNR %.1f dB", psnr);
     }
 
-    void decodingLimitCountsWhatIsDecoded_data()
+    void largeFilesAreShownFromWhatIsDecoded_data()
     {
         QTest::addColumn<QString>("path");
         QTest::addColumn<int>("mode");
-        QTest::addColumn<bool>("shown");
+        QTest::addColumn<QSize>("screen");
+        // Where set, the part of the file that is shown exactly.
+        QTest::addColumn<QRect>("region");
+        // Each of these would take over 250 MB decoded in full; what the
+        // preparation holds of them is little more than the screen
+        // (robustnesstest measures it, and that the files over the decoding
+        // limit are refused).
         const QString dir = m_dir.path();
-        // A 1-bit PNG of 12000 x 12000: a few kilobytes on disk, 576 MB as a
-        // 32-bit pixmap.
-        QImage mono(12000, 12000, QImage::Format_Mono);
-        mono.fill(0);
-        QTest::newRow("1-bit png of 12000x12000") << TestUtils::writeImage(m_dir.path(), QStringLiteral("huge.png"), mono) << int(Crop) << false;
-
-        // 23 bytes of GIF named like a JPEG: a logical screen of 16000 x 16000
-        // pixels (1 GB as 32-bit pixels), one 1 x 1 frame, cut short. The
-        // reader reports the frame's size; the decoder would allocate and
-        // clear the screen.
-        QByteArray gif("GIF87a");
-        gif.append(char(16000 & 0xff)).append(char(16000 >> 8)).append(char(16000 & 0xff)).append(char(16000 >> 8));
-        gif.append(char(0)).append(char(0)).append(char(0));
-        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
-        gif.append(char(1)).append(char(0)).append(char(1)).append(char(0)).append(char(0)).append(char(2));
-        const QString gifPath = m_dir.filePath(QStringLiteral("screen.jpg"));
-        QFile file(gifPath);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(gif);
-        file.close();
-        QTest::newRow("gif screen of 16000x16000") << gifPath << int(Crop) << false;
-        // Sixteen bits a channel: 8 bytes a pixel, 538 MB for 67 million
-        // pixels, which a count of pixels alone took for half of its limit.
-        QTest::newRow("16-bit rgba png of 8200x8200") << TestUtils::writeZeroPng(dir, QStringLiteral("deep.png"), 8200, 8200, 16, 6) << int(Crop) << false;
-        // Decoded at full size whatever is shown of it: 324 MB.
-        QTest::newRow("rgba png of 9000x9000") << TestUtils::writeZeroPng(dir, QStringLiteral("wide.png"), 9000, 9000, 8, 6) << int(Crop) << false;
-        // A progressive JPEG keeps two bytes a pixel and component for the
-        // whole image, however small its output: 268 MB here.
-        QTest::newRow("progressive jpeg of 11584x11584")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("progressive.jpg"), 11584, 11584, true) << int(Crop) << false;
+        const QSize screen(640, 480);
         // A baseline JPEG is decoded through the library's scaling into
-        // little more than the screen: shown, however large.
-        QTest::newRow("baseline jpeg panorama of 30000x20000")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false) << int(Crop) << true;
-        QTest::newRow("baseline jpeg panorama, stretched")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-stretch.jpg"), 30000, 20000, false) << int(Stretch) << true;
-        // Centred or tiled, only the part shown is decoded (whole, it would
-        // take 2.4 GB).
-        QTest::newRow("baseline jpeg panorama, centred")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-center.jpg"), 30000, 20000, false) << int(Center) << true;
-        QTest::newRow("baseline jpeg panorama, tiled")
-            << TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama-tile.jpg"), 30000, 20000, false) << int(Tile) << true;
-        // Eight bits a pixel, run-length encoded: a few hundred bytes that
-        // decode into 537 MB.
-        QTest::newRow("rle bmp of 11585x11585") << TestUtils::writeRleBmp(dir, QStringLiteral("rle.bmp"), 11585, 11585) << int(Crop) << false;
+        // little more than the screen: shown, however large; centred or
+        // tiled, only the part shown is decoded (whole, it would take
+        // 2.4 GB).
+        const QString panorama = TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
+        for (const auto &mode : firstModes) {
+            QTest::addRow("baseline jpeg panorama of 30000x20000, %s", mode.first) << panorama << mode.second << screen << QRect();
+        }
         // An SVG document under a PNG name: read by content, rendered at the
-        // size shown; centred it would be rendered at its own 537 MB.
+        // size shown (centred it would be rendered at its own 537 MB).
         if (QImageReader::supportedImageFormats().contains("svg")) {
-            QFile svg(m_dir.filePath(QStringLiteral("vector.png")));
-            QVERIFY(svg.open(QIODevice::WriteOnly));
-            svg.write(
-                "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
-                "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>");
-            svg.close();
-            QTest::newRow("svg of 11585x11585 named png, cropped") << svg.fileName() << int(Crop) << true;
-            QTest::newRow("svg of 11585x11585 named png, centred") << svg.fileName() << int(Center) << false;
+            QTest::newRow("svg of 11585x11585 named png, cropped") << writeFile(m_dir.filePath(QStringLiteral("vector.png")),
+                                                                                "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
+                                                                                "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>")
+                                                                   << int(Crop) << screen << QRect();
         }
-    }
-
-    void decodingLimitCountsWhatIsDecoded()
-    {
-        // Fitted in a child so that its peak memory is its own.
-        QFETCH(QString, path);
-        QFETCH(int, mode);
-        QFETCH(bool, shown);
-        QVERIFY(!path.isEmpty());
-        QVERIFY(QFileInfo(path).size() < 4 * 1024 * 1024);
-
-        qint64 peakKiB = -1;
-        const QStringList lines = fitInChild(path, mode, QSize(640, 480), QString(), &peakKiB);
-        if (shown) {
-            // A mid-grey picture, no warning.
-            QCOMPARE(lines, QStringList{QStringLiteral("result 640x480 not black")});
-        } else {
-            QCOMPARE(lines,
-                     (QStringList{QStringLiteral("warning \"ImageCacheWorker: It was not possible to load the original image: %1 \"").arg(path),
-                                  QStringLiteral("result 640x480 black")}));
-        }
-        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
-        // A refused file allocates nothing; a shown one little more than the
-        // screen. Every one of them would take over 250 MB decoded in full.
-        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
-    }
-
-    // No preparation holds more than the limit, intermediates included: a
-    // tall screenshot in Crop on a 4K screen (scaled whole first, it made a
-    // 3840 x 30720 intermediate and took 582 MB) is shown well within it.
-    void tallImageInCropStaysWithinTheLimit()
-    {
+        // A tall screenshot in Crop on a 4K screen: scaled whole first, it
+        // made a 3840 x 30720 intermediate and took 582 MB.
         QImage tall(1000, 8000, QImage::Format_RGB32);
         for (int y = 0; y < tall.height(); ++y) {
             std::fill_n(reinterpret_cast<QRgb *>(tall.scanLine(y)), tall.width(), qRgb(y % 256, 100, 200));
         }
-        const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("tall.png"), tall);
-        qint64 peakKiB = -1;
-        const QStringList lines = fitInChild(path, Crop, QSize(3840, 2160), QString(), &peakKiB);
-        QCOMPARE(lines, QStringList{QStringLiteral("result 3840x2160 not black")});
-        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
-        // The decoded image, the screen-sized result and its canvas, and
-        // the child's own start: about half the limit.
-        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
-    }
-
-    void panoramaAtItsOwnSizeIsShownFromThePartRead_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<QPoint>("region");
+        QTest::newRow("tall png in crop on a 4k screen")
+            << TestUtils::writeImage(dir, QStringLiteral("tall.png"), tall) << int(Crop) << QSize(3840, 2160) << QRect();
+        // Tile and Center of a JPEG much larger than the screen decode only
+        // the part they show: exactly the matching region of the image.
         // Center: half the difference of the sizes, (1920 - 16000) / 2 and
         // (1080 - 5000) / 2; Tile: the first tile from the top left.
-        QTest::newRow("Center") << int(Center) << QPoint(7040, 1960);
-        QTest::newRow("Tile") << int(Tile) << QPoint(0, 0);
+        const QString widePath = m_dir.filePath(QStringLiteral("panorama-16000x5000.jpg"));
+        QVERIFY(patternImage(QSize(16000, 5000)).save(widePath, "JPEG", 90));
+        const QSize fullHd(1920, 1080);
+        QTest::newRow("jpeg of 16000x5000, centred") << widePath << int(Center) << fullHd << QRect(QPoint(7040, 1960), fullHd);
+        QTest::newRow("jpeg of 16000x5000, tiled") << widePath << int(Tile) << fullHd << QRect(QPoint(0, 0), fullHd);
     }
 
-    // Tile and Center of a JPEG much larger than the screen decode only the
-    // part they show: shown, exactly the matching region of the image.
-    void panoramaAtItsOwnSizeIsShownFromThePartRead()
+    void largeFilesAreShownFromWhatIsDecoded()
     {
+        QFETCH(QString, path);
         QFETCH(int, mode);
-        QFETCH(QPoint, region);
-        const QString path = m_dir.filePath(QStringLiteral("panorama-16000x5000.jpg"));
-        if (!QFile::exists(path)) {
-            QImage panorama(16000, 5000, QImage::Format_RGB32);
-            for (int y = 0; y < panorama.height(); ++y) {
-                QRgb *line = reinterpret_cast<QRgb *>(panorama.scanLine(y));
-                for (int x = 0; x < panorama.width(); ++x) {
-                    line[x] = qRgb((x * 3) % 256, (x / 64 + y / 64) % 256, (y * 5) % 256);
-                }
-            }
-            QVERIFY(panorama.save(path, "JPEG", 90));
+        QFETCH(QSize, screen);
+        QFETCH(QRect, region);
+        QVERIFY(!path.isEmpty());
+
+        // A picture, no warning.
+        LogRecorder recorder;
+        const QImage result = toRgb(m_worker.cachedImage(path, QRect(QPoint(), screen), 1.0, Position(mode)));
+        QCOMPARE(recorder.texts(QtWarningMsg), QStringList());
+        QCOMPARE(result.size(), screen);
+        QVERIFY(result.pixel(screen.width() / 2, screen.height() / 2) != qRgb(0, 0, 0));
+        if (region.isValid()) {
+            QVERIFY(result == QImage(path).copy(region).convertToFormat(QImage::Format_RGB32));
         }
-        const QString resultFile = m_dir.filePath(QStringLiteral("panorama-result-%1.png").arg(mode));
-        qint64 peakKiB = -1;
-        const QStringList lines = fitInChild(path, mode, QSize(1920, 1080), resultFile, &peakKiB);
-        QCOMPARE(lines, QStringList{QStringLiteral("result 1920x1080 not black")});
-        qInfo("peak resident memory of the child: %lld KiB", peakKiB);
-        QVERIFY2(peakKiB > 0 && peakKiB < 200 * 1024, qPrintable(QString::number(peakKiB)));
-        const QImage expected = QImage(path).copy(QRect(region, QSize(1920, 1080))).convertToFormat(QImage::Format_RGB32);
-        const QImage shown = QImage(resultFile).convertToFormat(QImage::Format_RGB32);
-        QCOMPARE(shown.size(), expected.size());
-        QVERIFY(shown == expected);
     }
 
     void topDownBmpShowsItsPixels_data()
     {
-        addModeRows();
+        QTest::addColumn<int>("position");
+        for (const auto &mode : firstModes) {
+            QTest::newRow(mode.first) << mode.second;
+        }
     }
 
     void topDownBmpShowsItsPixels()
@@ -660,39 +392,19 @@ private Q_SLOTS:
         // a negative height.
         QFETCH(int, position);
         const QImage source = patternImage(QSize(120, 90));
-        QByteArray bottomUp;
-        {
-            QBuffer buffer(&bottomUp);
-            buffer.open(QIODevice::WriteOnly);
-            QVERIFY(source.save(&buffer, "BMP"));
-        }
-        const QString bottomUpPath = m_dir.filePath(QStringLiteral("bottom-up.bmp"));
-        QFile file(bottomUpPath);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bottomUp);
-        file.close();
+        const QByteArray bottomUp = encoded(source, "BMP");
+        const QString bottomUpPath = writeFile(m_dir.filePath(QStringLiteral("bottom-up.bmp")), bottomUp);
         // The same picture with its rows from the top: negate the height,
         // reverse the rows.
-        const auto readInt = [&bottomUp](int offset) {
-            return qint32(quint32(uchar(bottomUp.at(offset))) | quint32(uchar(bottomUp.at(offset + 1))) << 8 | quint32(uchar(bottomUp.at(offset + 2))) << 16
-                          | quint32(uchar(bottomUp.at(offset + 3))) << 24);
-        };
-        const int dataOffset = readInt(10);
-        const int height = readInt(22);
+        const int dataOffset = qFromLittleEndian<qint32>(bottomUp.constData() + 10);
+        const int height = qFromLittleEndian<qint32>(bottomUp.constData() + 22);
         const int rowBytes = (bottomUp.size() - dataOffset) / height;
         QByteArray topDown = bottomUp.left(dataOffset);
-        const qint32 negative = -height;
-        for (int i = 0; i < 4; ++i) {
-            topDown[22 + i] = char(quint32(negative) >> (8 * i));
-        }
+        qToLittleEndian<qint32>(-height, topDown.data() + 22);
         for (int row = height - 1; row >= 0; --row) {
             topDown.append(bottomUp.mid(dataOffset + row * rowBytes, rowBytes));
         }
-        const QString topDownPath = m_dir.filePath(QStringLiteral("top-down.bmp"));
-        QFile topDownFile(topDownPath);
-        QVERIFY(topDownFile.open(QIODevice::WriteOnly));
-        topDownFile.write(topDown);
-        topDownFile.close();
+        const QString topDownPath = writeFile(m_dir.filePath(QStringLiteral("top-down.bmp")), topDown);
         QCOMPARE(QImage(topDownPath).convertToFormat(QImage::Format_RGB32), source);
 
         LogRecorder recorder;
@@ -724,54 +436,21 @@ private Q_SLOTS:
         QFETCH(int, orientation);
         QFETCH(int, mode);
         QFETCH(QSize, uprightSize);
-        QImage upright(uprightSize, QImage::Format_RGB32);
         const int w = uprightSize.width();
         const int h = uprightSize.height();
-        QPainter painter(&upright);
-        painter.fillRect(0, 0, w / 2, h / 2, Qt::red);
-        painter.fillRect(w / 2, 0, w - w / 2, h / 2, Qt::green);
-        painter.fillRect(0, h / 2, w / 2, h - h / 2, Qt::blue);
-        painter.fillRect(w / 2, h / 2, w - w / 2, h - h / 2, Qt::yellow);
-        painter.end();
+        const QImage upright =
+            canvas(uprightSize,
+                   Qt::yellow,
+                   {{QRect(0, 0, w / 2, h / 2), Qt::red}, {QRect(w / 2, 0, w - w / 2, h / 2), Qt::green}, {QRect(0, h / 2, w / 2, h - h / 2), Qt::blue}});
         // What the camera stored: the inverse of what the orientation does.
-        QImage stored;
-        switch (orientation) {
-        case 1:
-            stored = upright;
-            break;
-        case 2:
-            stored = upright.mirrored(true, false);
-            break;
-        case 3:
-            stored = upright.transformed(QTransform().rotate(180));
-            break;
-        case 4:
-            stored = upright.mirrored(false, true);
-            break;
-        case 5:
-            stored = upright.transformed(QTransform().rotate(90)).mirrored(true, false);
-            break;
-        case 6:
-            stored = upright.transformed(QTransform().rotate(-90));
-            break;
-        case 7:
-            stored = upright.transformed(QTransform().rotate(-90)).mirrored(true, false);
-            break;
-        default:
-            stored = upright.transformed(QTransform().rotate(90));
-            break;
-        }
-        QByteArray jpeg;
-        {
-            QBuffer buffer(&jpeg);
-            buffer.open(QIODevice::WriteOnly);
-            QVERIFY(stored.save(&buffer, "JPG", 95));
-        }
-        const QString path = m_dir.filePath(QStringLiteral("orientation-%1.jpg").arg(orientation));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(TestUtils::withExifOrientation(jpeg, orientation));
-        file.close();
+        // Turned by these degrees, and mirrored left to right for 2, 4, 5
+        // and 7.
+        const int turns[] = {0, 0, 180, 180, 90, -90, -90, 90};
+        const bool mirrored = orientation == 2 || orientation == 4 || orientation == 5 || orientation == 7;
+        const QImage stored = upright.transformed(QTransform().rotate(turns[orientation - 1])).mirrored(mirrored, false);
+        const QString path = writeFile(m_dir.filePath(QStringLiteral("orientation-%1.jpg").arg(orientation)),
+                                       TestUtils::withExifOrientation(encoded(stored, "JPG", 95), orientation));
+        QVERIFY(!path.isEmpty());
 
         const QSize target(320, 240);
         const QImage shown = toRgb(m_worker.cachedImage(path, QRect(QPoint(0, 0), target), 1.0, Position(mode)));
@@ -779,15 +458,11 @@ private Q_SLOTS:
         // The quadrants' centres, where the picture is shown: the whole
         // target, or the image's own size in the middle.
         const QRect area = mode == Center ? QRect(QPoint((target.width() - w) / 2, (target.height() - h) / 2), uprightSize) : QRect(QPoint(0, 0), target);
-        const int qx = area.width() / 4;
-        const int qy = area.height() / 4;
-        const QList<QPair<QPoint, QColor>> expected = {{area.topLeft() + QPoint(qx, qy), Qt::red},
-                                                       {area.topLeft() + QPoint(3 * qx, qy), Qt::green},
-                                                       {area.topLeft() + QPoint(qx, 3 * qy), Qt::blue},
-                                                       {area.topLeft() + QPoint(3 * qx, 3 * qy), Qt::yellow}};
-        for (const auto &point : expected) {
-            QVERIFY2(TestUtils::fuzzyColor(shown.pixel(point.first), point.second, 24),
-                     qPrintable(QStringLiteral("%1,%2: %3").arg(point.first.x()).arg(point.first.y()).arg(QColor(shown.pixel(point.first)).name())));
+        const QColor colours[] = {Qt::red, Qt::green, Qt::blue, Qt::yellow};
+        for (int i = 0; i < 4; ++i) {
+            const QPoint point = area.topLeft() + QPoint((1 + 2 * (i % 2)) * area.width() / 4, (1 + 2 * (i / 2)) * area.height() / 4);
+            QVERIFY2(TestUtils::fuzzyColor(shown.pixel(point), colours[i], 24),
+                     qPrintable(QStringLiteral("%1,%2: %3").arg(point.x()).arg(point.y()).arg(QColor(shown.pixel(point)).name())));
         }
     }
 
@@ -812,11 +487,7 @@ private Q_SLOTS:
         QFETCH(QSize, image);
         QFETCH(QRect, fitted);
         // Red on the left half, blue on the right one.
-        QImage halves(image, QImage::Format_RGB32);
-        halves.fill(Qt::blue);
-        for (int y = 0; y < image.height(); ++y) {
-            std::fill_n(reinterpret_cast<QRgb *>(halves.scanLine(y)), image.width() / 2, qRgb(255, 0, 0));
-        }
+        const QImage halves = canvas(image, Qt::blue, {{QRect(0, 0, image.width() / 2, image.height()), Qt::red}});
         const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("fit.png"), halves);
         const QSize screen(400, 300);
         LogRecorder recorder;
@@ -852,32 +523,17 @@ private Q_SLOTS:
         QTest::addColumn<QSize>("size");
         QTest::addColumn<bool>("exactColour");
         const QSize size(36, 20);
-        const QImage white = [size] {
-            QImage image(size, QImage::Format_RGB32);
-            image.fill(Qt::white);
-            return image;
-        }();
+        QImage white(size, QImage::Format_RGB32);
+        white.fill(Qt::white);
         for (const char *format : {"png", "jpg", "bmp", "pbm", "pgm", "ppm", "xbm", "xpm"}) {
             QTest::newRow(format) << TestUtils::writeImage(m_dir.path(), QStringLiteral("format.%1").arg(QLatin1String(format)), white) << size
                                   << (qstrcmp(format, "jpg") != 0);
         }
-        // Qt reads GIF but does not write it: a 36 x 20 white GIF by hand
-        // (a one-colour palette and one LZW code stream of clear, 720 times
-        // index 0 through repeated codes, end).
-        QByteArray gif("GIF89a");
-        gif.append(char(36)).append(char(0)).append(char(20)).append(char(0));
-        gif.append(char(0x80)).append(char(0)).append(char(0));
-        gif.append(char(0xff)).append(char(0xff)).append(char(0xff)).append(char(0)).append(char(0)).append(char(0));
-        gif.append(char(0x2c)).append(QByteArray(4, char(0)));
-        gif.append(char(36)).append(char(0)).append(char(20)).append(char(0)).append(char(0));
-        gif.append(gifWhiteData(36 * 20));
-        gif.append(char(0x3b));
-        const QString gifPath = m_dir.filePath(QStringLiteral("format.gif"));
-        QFile gifFile(gifPath);
-        QVERIFY(gifFile.open(QIODevice::WriteOnly));
-        gifFile.write(gif);
-        gifFile.close();
-        QTest::newRow("gif") << gifPath << size << true;
+        // Qt reads GIF but does not write it: a 36 x 20 white GIF by hand, a
+        // palette of white and black and the LZW codes of 720 times index 0.
+        const QByteArray gif = QByteArray::fromHex(
+            "474946383961 2400 1400 800000 ffffff 000000 2c 00000000 2400 1400 00 02 19 848fa9cbed0fa39cb4da8bb3debcfb0f86e24896e689a65501 00 3b");
+        QTest::newRow("gif") << writeFile(m_dir.filePath(QStringLiteral("format.gif")), gif) << size << true;
         // Today's formats, written by the installed image plug-ins; the
         // lossy ones at their best quality.
         for (const char *format : {"webp", "tif", "tiff", "heic", "avif", "jxl"}) {
@@ -891,12 +547,10 @@ private Q_SLOTS:
             QTest::newRow(format) << path << size << (qstrcmp(format, "tif") == 0 || qstrcmp(format, "tiff") == 0);
         }
         if (QImageReader::supportedImageFormats().contains("svg")) {
-            const QString svgPath = m_dir.filePath(QStringLiteral("format.svg"));
-            QFile svg(svgPath);
-            QVERIFY(svg.open(QIODevice::WriteOnly));
-            svg.write("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"36\" height=\"20\"><rect width=\"36\" height=\"20\" fill=\"#ffffff\"/></svg>");
-            svg.close();
-            QTest::newRow("svg") << svgPath << size << true;
+            QTest::newRow("svg") << writeFile(m_dir.filePath(QStringLiteral("format.svg")),
+                                              "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"36\" height=\"20\">"
+                                              "<rect width=\"36\" height=\"20\" fill=\"#ffffff\"/></svg>")
+                                 << size << true;
         }
     }
 
@@ -921,38 +575,8 @@ private Q_SLOTS:
     }
 };
 
-// The child of decodingLimitCountsWhatIsDecoded: fit the file, report the
-// warnings, the result and the peak memory on standard output.
-static int runFittingChild(int argc, char **argv, const QString &path, Position mode)
-{
-    QGuiApplication app(argc, argv);
-    const QStringList sides = qEnvironmentVariable(childSizeEnvironment, QStringLiteral("640x480")).split(QLatin1Char('x'));
-    const QSize size(sides.value(0).toInt(), sides.value(1).toInt());
-    QStringList warnings;
-    {
-        LogRecorder recorder;
-        const QPixmap result = ImageCacheWorker().cachedImage(path, QRect(QPoint(), size), 1.0, mode);
-        warnings = recorder.texts(QtWarningMsg);
-        for (const QString &text : warnings) {
-            std::printf("warning %s\n", qPrintable(text));
-        }
-        const bool black = !result.isNull() && result.toImage().pixel(size.width() / 2, size.height() / 2) == qRgb(0, 0, 0);
-        std::printf("result %dx%d %s\n", result.width(), result.height(), black ? "black" : "not black");
-        const QString resultFile = qEnvironmentVariable(childResultEnvironment);
-        if (!resultFile.isEmpty()) {
-            result.save(resultFile, "PNG");
-        }
-    }
-    std::printf("peak %lld\n", TestUtils::peakResidentKiB());
-    return 0;
-}
-
 int main(int argc, char **argv)
 {
-    const QString childPath = qEnvironmentVariable(childEnvironment);
-    if (!childPath.isEmpty()) {
-        return runFittingChild(argc, argv, childPath, Position(qEnvironmentVariableIntValue(childModeEnvironment)));
-    }
     return TestUtils::runWidgetTest<ImageFittingTest>(argc, argv);
 }
 

@@ -23,17 +23,16 @@
 
 #include "host/screensaverinterface.h"
 #include "screensaverplugin.h"
+#include "testutils.h"
 
 #include <QAbstractAnimation>
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QLoggingCategory>
 #include <QPluginLoader>
 #include <QPointer>
-#include <QRegularExpression>
 #include <QSize>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -45,8 +44,6 @@
 
 namespace
 {
-const char *const slideShowCategory = "zav-tev.screensaver.slideshow";
-
 struct LogLine {
     QtMsgType type;
     QString text;
@@ -65,18 +62,11 @@ int requestsFinished = 0;
 
 void countRequest(const QString &message)
 {
-    static const char *const finishedPrefixes[] = {
-        "ImageCacheWorker: The current size of the cache:",
-        "ImageCacheWorker: The processed image is equal to NULL",
-        "ImageCacheWorker: the request was made before the cache was cleaned",
-        "ImageCacheWorker: the image was prepared for a cache that has been cleaned since",
-        "ImageCacheWorker: The image has already been caching (from the other path)",
-    };
-    if (message.startsWith(QLatin1String("ImageCacheWorker: setting a request for image processing in the queue for:"))) {
+    if (message.startsWith(QLatin1String(LogText::queued))) {
         ++requestsQueued;
         return;
     }
-    for (const char *prefix : finishedPrefixes) {
+    for (const char *prefix : {LogText::cacheSize, LogText::nullImage, LogText::skippedCleaned, LogText::droppedCleaned, LogText::fromOtherPath}) {
         if (message.startsWith(QLatin1String(prefix))) {
             ++requestsFinished;
             return;
@@ -86,7 +76,7 @@ void countRequest(const QString &message)
 
 void recordMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (context.category && qstrcmp(context.category, slideShowCategory) == 0) {
+    if (context.category && qstrcmp(context.category, LogText::category) == 0) {
         std::lock_guard<std::mutex> locker(logMutex);
         countRequest(message);
         if (type != QtDebugMsg || keepDebugLines) {
@@ -125,17 +115,6 @@ const char *typeName(QtMsgType type)
         return "fatal";
     }
     return "unknown";
-}
-
-qint64 statusKiB(const char *field)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    const QString text = QString::fromLatin1(status.readAll());
-    const QRegularExpressionMatch match = QRegularExpression(QLatin1String(field) + QStringLiteral(":\\s+(\\d+) kB")).match(text);
-    return match.hasMatch() ? match.captured(1).toLongLong() : -1;
 }
 
 int fail(const QString &message)
@@ -339,7 +318,7 @@ int main(int argc, char **argv)
             std::printf("log: %s %s\n", typeName(line.type), qUtf8Printable(escaped(line.text)));
         }
     }
-    std::printf("peak-rss-kib: %lld\n", statusKiB("VmHWM"));
+    std::printf("peak-rss-kib: %lld\n", TestUtils::peakResidentKiB());
     std::fflush(stdout);
     return 0;
 }

@@ -23,6 +23,7 @@
 #include "slidelabel/slidelabel_p.h"
 #include "slideshow/slideshow.h"
 #include "slideshow/slideshow_p.h"
+#include "testutils.h"
 
 #include <QAbstractAnimation>
 #include <QApplication>
@@ -34,7 +35,6 @@
 #include <QImage>
 #include <QPainter>
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QThreadPool>
@@ -58,15 +58,9 @@ struct Sample {
     int fds = 0;
 };
 
-QString statusField(const char *field)
+QStringList tasks()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return QString();
-    }
-    const QString text = QString::fromLatin1(status.readAll());
-    const QRegularExpressionMatch match = QRegularExpression(QLatin1String(field) + QStringLiteral(":\\s+(\\d+)")).match(text);
-    return match.hasMatch() ? match.captured(1) : QString();
+    return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
 }
 
 // Threads of Qt's global thread pool, which Qt's image scaling and
@@ -75,8 +69,8 @@ QString statusField(const char *field)
 int pooledThreads()
 {
     int pooled = 0;
-    const QStringList tasks = QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString &task : tasks) {
+    const QStringList all = tasks();
+    for (const QString &task : all) {
         QFile comm(QStringLiteral("/proc/self/task/%1/comm").arg(task));
         if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "Thread (pooled)") {
             ++pooled;
@@ -198,8 +192,8 @@ int main(int argc, char **argv)
         }
         samples.push_back(Sample{switches,
                                  clock.elapsed() / 1000.0,
-                                 qMax(intervalRss, statusField("VmRSS").toLongLong()),
-                                 statusField("Threads").toInt(),
+                                 qMax(intervalRss, TestUtils::processStatusKiB("VmRSS")),
+                                 int(tasks().size()),
                                  pooledThreads(),
                                  openDescriptors()});
         intervalRss = 0;
@@ -223,7 +217,7 @@ int main(int argc, char **argv)
         sinceSwitch.restart();
         // Every frame painted, as a screen would.
         window.grab();
-        intervalRss = qMax(intervalRss, statusField("VmRSS").toLongLong());
+        intervalRss = qMax(intervalRss, TestUtils::processStatusKiB("VmRSS"));
         for (int n = lastHandled + 1; n <= switches; ++n) {
             // Sampled before this switch's changes below, so that every
             // sample sees the same window size and a cache refilled long ago.
@@ -287,24 +281,21 @@ int main(int argc, char **argv)
         // Qt's pool threads come and go with the work Qt gives them (each
         // holds its event dispatcher's descriptor); all other threads and
         // descriptors must be exactly those of the reference.
-        if (s.threads - s.pooled != ref.threads - ref.pooled) {
-            std::fprintf(stderr,
-                         "zav-soak: after %d switches %d threads run besides Qt's pool, %d at the reference\n",
-                         s.switches,
-                         s.threads - s.pooled,
-                         ref.threads - ref.pooled);
-            flat = false;
-        }
+        const auto besidesThePool = [&](int sampled, int atReference, const char *what) {
+            if (sampled - s.pooled != atReference - ref.pooled) {
+                std::fprintf(stderr,
+                             "zav-soak: after %d switches %d %s besides Qt's pool, %d at the reference\n",
+                             s.switches,
+                             sampled - s.pooled,
+                             what,
+                             atReference - ref.pooled);
+                flat = false;
+            }
+        };
+        besidesThePool(s.threads, ref.threads, "threads run");
+        besidesThePool(s.fds, ref.fds, "descriptors are open");
         if (s.pooled > maxPooled) {
             std::fprintf(stderr, "zav-soak: after %d switches Qt's pool has %d threads, more than its maximum %d\n", s.switches, s.pooled, maxPooled);
-            flat = false;
-        }
-        if (s.fds - s.pooled != ref.fds - ref.pooled) {
-            std::fprintf(stderr,
-                         "zav-soak: after %d switches %d descriptors are open besides those of Qt's pool, %d at the reference\n",
-                         s.switches,
-                         s.fds - s.pooled,
-                         ref.fds - ref.pooled);
             flat = false;
         }
     }
