@@ -3,10 +3,9 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// Faults while a show runs: images deleted, replaced or made unreadable, the
-// folder removed and made again, new settings or the screensaver's end while
-// the worker is busy or hangs. Nothing crashes and the GUI thread never waits
-// for the worker.
+// Faults while a show runs: images deleted, replaced or made unreadable, the folder removed
+// and made again, new settings or the screensaver's end while the worker is busy or hangs.
+// Nothing crashes and the GUI thread never waits for the worker.
 
 #include "imagecache/imagecacheworker.h"
 #include "pipetesthelpers.h"
@@ -42,8 +41,7 @@ const QColor blue(30, 40, 210);
 const QColor yellow(230, 220, 40);
 const QColor black(0, 0, 0);
 
-// The screensaver in a host window, its folder listed. It does not switch on
-// its own (an hour's interval) unless a test starts it with a short one.
+// The screensaver in a host window, its folder listed; an hour's interval unless a test asks less.
 struct Host : TestUtils::ShowHost {
     int switches = 0;
 
@@ -67,8 +65,7 @@ struct Host : TestUtils::ShowHost {
             slowTimeout);
     }
 
-    // Steps the sequence by hand to the slide with this path and ends its
-    // fade, so that only that slide is visible.
+    // Steps by hand to the slide with this path and ends its fade: only that slide is visible.
     bool showSlide(const QString &path)
     {
         for (int i = 0; i <= inspect(label()).files().size() && inspect(label()).currentImage() != path; ++i) {
@@ -78,24 +75,21 @@ struct Host : TestUtils::ShowHost {
         return inspect(label()).currentImage() == path;
     }
 
-    // A resize empties the worker's cache and asks again for the visible
-    // slides.
+    // A resize empties the worker's cache and asks again for the visible slides.
     void refill()
     {
         window.resize(window.width() == 320 ? QSize(330, 250) : QSize(320, 240));
     }
 };
 
-// A show of three solid images a, b, c (red, green, blue), with its
-// recorder started before it.
+// A show of three solid images a, b, c (red, green, blue), its recorder started first.
 struct ShowOfThree {
     QTemporaryDir dir;
     QStringList paths;
     std::unique_ptr<LogRecorder> recording = std::make_unique<LogRecorder>();
     std::unique_ptr<Host> host;
 
-    // Running: switching as fast as it can (fades of 10 ms) until five
-    // switches are seen. Otherwise still, its first slide prepared and shown.
+    // Running: switching fast (10 ms fades) until five switches are seen; else still, its first slide shown.
     bool start(bool running)
     {
         if (!dir.isValid()) {
@@ -123,8 +117,7 @@ struct ShowOfThree {
             slowTimeout);
     }
 
-    // Still, with c.png made a named pipe after the scan listed it as a
-    // file: the next step asks the worker for it as the look-ahead image.
+    // Still, with c.png made a named pipe after the scan listed it: the next step asks for it as the look-ahead.
     bool startWithPipe()
     {
         return start(false) && QFile::remove(paths.at(2)) && ::mkfifo(pipe().constData(), 0644) == 0;
@@ -150,9 +143,8 @@ struct ShowOfThree {
 // What the worker is busy with when the show is destroyed.
 enum Busy { LargeImage, SlowJpeg, HangingPipe, SlowPipe };
 
-// Destroys the show and returns how long that took, or -1 after failing the
-// test: the label returns at once whatever its worker does (the old design
-// waited up to 5000 ms for its thread).
+// Destroys the show and returns how long that took, or -1 after failing the test: the label returns
+// at once whatever its worker does (the old design waited up to 5000 ms for its thread).
 qint64 destroyedQuickly(std::unique_ptr<Host> &host, const LogRecorder &recorder)
 {
     QElapsedTimer timer;
@@ -265,8 +257,7 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(show.recording->count(TestUtils::noImagesError(dirPath)), 1, slowTimeout);
         QCOMPARE(show.recording->texts(QtWarningMsg), QStringList());
 
-        // Settings applied again (the show would find it by itself within
-        // half a minute).
+        // Settings applied again (the show would find it by itself within half a minute).
         QVERIFY(QDir().mkpath(dirPath));
         TestUtils::writeSolidImage(dirPath, QStringLiteral("z.png"), QSize(64, 48), green);
         show.host->show->setProperty(show.host->show->property());
@@ -278,21 +269,18 @@ private Q_SLOTS:
     void destroyedWhileTheWorkerIsBusy_data()
     {
         QTest::addColumn<int>("busy");
-        // A busy 8000 x 6000 picture that takes a while to decode and to
-        // scale: the decoding ends at the next read of the file.
+        // A busy 8000 x 6000 picture, slow to decode and scale: decoding ends at the next read.
         QTest::newRow("a large image") << int(LargeImage);
         // Over two minutes to decode in full.
         QTest::newRow("a JPEG of minutes") << int(SlowJpeg);
-        // Blocked in open() for a writer, inside the kernel, where nothing
-        // can end the read early: the label leaves the thread to end when
-        // the read does.
+        // Blocked in open() for a writer, in the kernel, where nothing ends the read
+        // early: the label leaves the thread to end when the read does.
         QTest::newRow("a pipe hanging in open()") << int(HangingPipe);
         // A picture delivered over 10 s: the read ends at the next piece.
         QTest::newRow("a pipe's file of 10 s") << int(SlowPipe);
     }
 
-    // The worker, stopped rather than given up, warns about nothing and is
-    // deleted in its thread in the end.
+    // The worker, stopped rather than given up, warns about nothing and is deleted in its thread.
     void destroyedWhileTheWorkerIsBusy()
     {
         QFETCH(int, busy);
@@ -344,8 +332,7 @@ private Q_SLOTS:
         const qint64 destroying = destroyedQuickly(show.host, *show.recording);
         QVERIFY(destroying >= 0);
         if (releaser) {
-            // Released, the read ends, and with it the preparation nobody
-            // wants any more.
+            // Released, the read ends, and with it the preparation nobody wants any more.
             QVERIFY(!worker.isNull());
             releaser->release();
         }
@@ -366,15 +353,13 @@ private Q_SLOTS:
         ShowOfThree show;
         QVERIFY(show.startWithPipe());
         auto &host = show.host;
-        // The worker hangs in open() at the next step, until the test
-        // releases the pipe, or 15 s have passed: a GUI thread that waited for
-        // the worker would find it released.
+        // The worker hangs in open() at the next step until released, or for 15 s: a GUI
+        // thread that waited for the worker would find it released.
         PipeReleaser releaser(show.pipe(), 15000);
         QPointer<ImageCacheWorker> worker = host->worker();
         QVERIFY(show.stepToThePipe());
 
-        // A new directory and mode (two clearings), then a resize (a third):
-        // each returns at once while the worker still hangs.
+        // A new directory and mode (two clearings), then a resize (a third): each returns at once.
         QElapsedTimer timer;
         timer.start();
         host->apply(other.path(), 3600, 0, Center);
@@ -385,14 +370,12 @@ private Q_SLOTS:
         host->refill();
         const qint64 resize = timer.elapsed();
         QVERIFY(!releaser.released());
-        // Waiting for the worker would take until the release: a wide margin
-        // for loaded machines and sanitizer builds.
+        // Waiting for the worker would take until the release: a wide margin for loaded machines and sanitizer builds.
         QVERIFY2(settings < 5000, qPrintable(QString::number(settings)));
         QVERIFY2(resize < 5000, qPrintable(QString::number(resize)));
         QCOMPARE(inspect(host->label()).files().size(), 2);
 
-        // Once the hang ends: the new directory in the new mode, the small
-        // yellow slide centred on black.
+        // Once the hang ends: the new directory in the new mode, the small yellow slide centred on black.
         releaser.release();
         QVERIFY(host->centreIs(yellow));
         QVERIFY(TestUtils::fuzzyColor(host->at(QPoint(5, 5)), black, 1));

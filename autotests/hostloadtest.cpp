@@ -36,9 +36,8 @@ const char debugBuild = 0;
 const char debugBuild = 1; // Qt marks a debug build, and so would this test's build
 #endif
 
-// The record Qt's plug-in loader reads: a header (format 0, Qt's version,
-// debug build), then an indefinite CBOR map (0xbf to the break 0xff) of the
-// identifier (key 2) and class name (key 3), text strings of inline length.
+// The record Qt's loader reads: a header (format 0, Qt's version, debug build), then an indefinite
+// CBOR map (0xbf to the break 0xff) of identifier (key 2) and class name (key 3), inline-length texts.
 QByteArray expectedMetadata()
 {
     const QByteArray iid("zav-screensaver/0.0");
@@ -47,7 +46,6 @@ QByteArray expectedMetadata()
     return header + char(0xbf) + char(0x02) + char(0x60 + iid.size()) + iid + char(0x03) + char(0x60 + className.size()) + className + char(0xff);
 }
 
-// What the screen shows in the middle of the host's window.
 QRgb centrePixel(QWidget *window)
 {
     const QImage image = window->grab().toImage().convertToFormat(QImage::Format_ARGB32);
@@ -74,8 +72,7 @@ class HostLoadTest : public QObject
 private:
     QTemporaryDir m_images;
     QString m_pluginPath;
-    // The module's entry points, through a handle of the test's own, given
-    // back before the host's loader below takes the module.
+    // The module's entry points, through a handle given back before the host's loader takes it.
     QLibrary m_library;
     InstanceFunction m_instance = nullptr;
     std::unique_ptr<QPluginLoader> m_loader;
@@ -126,8 +123,7 @@ private Q_SLOTS:
 
         // Qt's plug-in loader hands out the same one.
         QPluginLoader loader(m_pluginPath);
-        // Like the host's loader below: a loader's default hint would pin
-        // the module, and the check that it pins itself could not fail.
+        // As the host's loader below: the default hint would pin the module, so the check could not fail.
         loader.setLoadHints(QLibrary::LoadHints());
         QCOMPARE(loader.instance(), m_instance());
         // Given back; the test's own use keeps it loaded, root instance and all.
@@ -218,8 +214,7 @@ private Q_SLOTS:
 
         // The linker's own markers of the data segment are always there.
         const QStringList linkerMarkers = QStringLiteral("__bss_start _edata _end _init _fini").split(QLatin1Char(' '));
-        // The undefined-behaviour sanitizer makes the compiler emit type
-        // records of Qt's classes (weak), with the visibility Qt gives them.
+        // The undefined-behaviour sanitizer emits (weak) type records of Qt's classes, visible as Qt makes them.
         const QRegularExpression qtTypeRecord(QStringLiteral("_ZT[IS][0-9]+Q[A-Za-z0-9_]*"));
         QStringList exported;
         const QList<QByteArray> lines = process.readAllStandardOutput().split('\n');
@@ -259,8 +254,7 @@ private Q_SLOTS:
     void rootInstanceCastsThroughTheInterfaceIdentifier()
     {
         m_loader.reset(new QPluginLoader(m_pluginPath));
-        // As a host that really unloads its plug-ins: by default Qt's loader
-        // would keep the code mapped whatever the plug-in does.
+        // As a host that really unloads: by default Qt's loader would keep the code mapped.
         m_loader->setLoadHints(QLibrary::LoadHints());
         QVERIFY(!m_loader->isLoaded());
         QObject *root = m_loader->instance();
@@ -268,8 +262,7 @@ private Q_SLOTS:
         QVERIFY(m_loader->isLoaded());
         QCOMPARE(m_loader->instance(), root);
         QCOMPARE(root->metaObject()->superClass()->className(), "AbstractPluginScreenSaverLoader");
-        // The module's copy of the interface's meta-object is not this
-        // side's: the identifier leads to it, the class-name chain does not.
+        // The module's copy of the interface's meta-object is not this side's: the identifier leads to it, the meta-object chain does not.
         QVERIFY(!root->metaObject()->inherits(&AbstractPluginScreenSaverLoader::staticMetaObject));
         QCOMPARE(static_cast<QObject *>(qobject_cast<AbstractPluginScreenSaverLoader *>(root)), root);
         for (const char *name : {"zav-screensaver/0.0", "AbstractPluginScreenSaverLoader", "Dm::ScreenSaver::PluginSlideShowLoader", "QObject"}) {
@@ -289,8 +282,7 @@ private Q_SLOTS:
         QVERIFY(screenSaver);
         screenSaver->setProperty(TestUtils::settingsMap(m_images.path(), 1, 100, 1));
 
-        // Solid images cropped: every pixel has the image's colour once a fade
-        // is over; the fuzz allows for the painter's opacity rounding.
+        // Cropped solid images fill the window once a fade is over; the fuzz is the opacity rounding.
         const int fuzz = 2;
         const QColor red(220, 20, 20);
         const QColor green(20, 200, 40);
@@ -325,8 +317,7 @@ private Q_SLOTS:
         QVERIFY(changed.isValid());
         QVERIFY(QMetaObject::invokeMethod(dialog, "changed"));
         QCOMPARE(changed.count(), 1);
-        // The dialog holds the settings in force: what the host then stores,
-        // the two keys it did not pass at their defaults.
+        // The dialog holds the settings in force, the two keys the host did not pass at their defaults.
         QVariantMap stored = settings;
         stored.insert(QStringLiteral("IncludeSubfolders"), false);
         stored.insert(QStringLiteral("Order"), 0);
@@ -334,9 +325,8 @@ private Q_SLOTS:
         delete screenSaver;
     }
 
-    // The host unloads the plug-in right after destroying a screensaver whose
-    // worker hangs in a read: its thread is not waited for, but the code stays
-    // loaded while it lives, so it ends without a crash once the read returns.
+    // The host unloads the plug-in right after destroying a screensaver whose worker hangs in a read:
+    // the thread is not waited for, but the code stays loaded while it lives: no crash once the read returns.
     void unloadsCleanlyWhileAThreadIsHeld()
     {
         QVERIFY(m_loader);

@@ -10,20 +10,17 @@
 #include "pipetesthelpers.h"
 #include "testutils.h"
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QPixmap>
 #include <QPointer>
 #include <QRandomGenerator>
 #include <QSet>
 #include <QTemporaryDir>
-#include <QTest>
 #include <QThread>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <memory>
 
 #include <sys/stat.h>
 
@@ -56,20 +53,18 @@ LogEntry evictionLine(const QString &path, int newSize)
 }
 const QList<LogEntry> cleaning{debugEntry(QLatin1String(LogText::cleaningStarted)), debugEntry(QLatin1String(LogText::cleaningDone))};
 
-// The cache of a worker at rest, oldest first: nothing pending, and each
-// entry once in the order and once among the images; or notAtRest.
+// The cache of a worker at rest (nothing pending, each entry once in the order
+// and once among the images), oldest first; or notAtRest.
 const QList<QString> notAtRest{QStringLiteral("(not at rest)")};
 QList<QString> restingCache(const ImageCacheWorker *worker)
 {
     const WorkerSnapshot snapshot = snapshotOf(worker);
-    // The images are listed sorted by path.
     QStringList order = snapshot.cacheOrder;
     order.sort();
     return snapshot.pendingRequests.isEmpty() && order == snapshot.cachedPaths ? snapshot.cacheOrder : notAtRest;
 }
 
-// What imageCached delivered to a receiver in the GUI thread, connected with
-// the automatic type as the slide label connects it.
+// What imageCached delivered to a GUI-thread receiver, auto-connected as by the label.
 struct Report {
     QString path;
     QPixmap pixmap;
@@ -77,8 +72,7 @@ struct Report {
     bool duringRequest = false;
 };
 
-// The worker as the slide label runs it: no parent, moved to its own thread,
-// deleted there by deleteLater when the thread finishes.
+// The worker as the label runs it: no parent, on its own thread, deleted there when it finishes.
 struct WorkerFixture {
     WorkerFixture()
         : worker(new ImageCacheWorker(nullptr))
@@ -91,9 +85,8 @@ struct WorkerFixture {
         QObject::connect(worker, &ImageCacheWorker::imageGone, &receiver, [this](const QString &path) {
             gone.append(path);
         });
-        // Without a context object: called directly, in the emitting thread.
-        // Connected before the thread starts, so that the thread sees these
-        // connections complete.
+        // No context object: called in the emitting thread. Connected before the
+        // thread starts, so that it sees these connections complete.
         QObject::connect(worker, &ImageCacheWorker::imageCached, [this] {
             emittingThread.store(QThread::currentThread());
         });
@@ -107,10 +100,8 @@ struct WorkerFixture {
     {
         thread.quit();
         thread.wait();
-        // QThread::wait() may return through Qt's own locks, which
-        // ThreadSanitizer does not see; reading what the worker's thread
-        // stored last, as the worker was destroyed, shows it that the thread
-        // is done with this object.
+        // wait() may return through Qt's locks, unseen by ThreadSanitizer; reading what
+        // the thread stored last, on the worker's destruction, shows it the thread is done.
         destroyedIn.load();
     }
 
@@ -139,9 +130,8 @@ struct WorkerFixture {
             TestUtils::asyncTimeout);
     }
 
-    // Returns once everything queued to the worker so far has run and its
-    // queued reports have reached this thread: the marker that the worker's
-    // thread posts last is delivered after them.
+    // Returns once everything queued to the worker has run and its reports have
+    // arrived: the marker the worker's thread posts last is delivered after them.
     bool flush()
     {
         auto reached = std::make_shared<std::atomic<bool>>(false);
@@ -159,14 +149,12 @@ struct WorkerFixture {
 
     QThread thread;
     ImageCacheWorker *worker;
-    // Only the GUI thread touches these: queued reports arrive there, and
-    // direct ones are made there.
+    // Only the GUI thread touches these: reports, queued or direct, arrive there.
     QObject receiver;
     QList<Report> reports;
     QStringList gone;
     bool requestRunning = false;
-    // The thread of the last imageCached emission, and the thread in which
-    // the worker was destroyed.
+    // The thread of the last imageCached emission, and that of the worker's destruction.
     std::atomic<QThread *> emittingThread{nullptr};
     std::atomic<QThread *> destroyedIn{nullptr};
 };
@@ -237,11 +225,10 @@ private Q_SLOTS:
         QTest::newRow("100 x 100 at 5, 7") << QRect(5, 7, 100, 100) << QString();
     }
 
-    // A request is keyed by the path and the size, without the position. An
-    // invalid geometry is refused everywhere: a lookup finds nothing and
-    // warns; a synchronous preparation warns and gives a canvas that is not
-    // a prepared one (the ratio is not applied) and is stored nowhere; a
-    // request is not queued.
+    // A request is keyed by path and size, not position. An invalid geometry is
+    // refused everywhere: a lookup finds nothing and warns; a synchronous
+    // preparation warns and gives an unprepared canvas (no ratio), stored nowhere;
+    // a request is not queued.
     void geometryNeedsBothSidesAbove128Pixels()
     {
         QFETCH(QRect, geometry);
@@ -312,10 +299,9 @@ private Q_SLOTS:
         QVERIFY(recorder.slideShowEntries().isEmpty());
     }
 
-    // A request is keyed by path and size: the same key is queued once,
-    // wherever it is asked for, while another size is another piece of work.
-    // A queued request whose image was prepared synchronously meanwhile is
-    // answered with that image, which becomes the youngest entry.
+    // The same key is queued once, wherever asked for; another size is other work.
+    // A queued request whose image was prepared synchronously meanwhile is answered
+    // with that image, which becomes the youngest entry.
     void requestIsQueuedOncePerKey()
     {
         WorkerFixture fixture;
@@ -358,11 +344,10 @@ private Q_SLOTS:
         QCOMPARE(fixture.worker->getCachedImage(path, large, 1.0, Stretch).cacheKey(), fixture.reports.at(1).pixmap.cacheKey());
     }
 
-    // An entry is found by its path and size alone: a Center one serves a
-    // Crop lookup at another place and ratio. A lookup of another size or of
-    // an unknown path finds nothing without a word, and no lookup changes the
-    // entry's age. A request or a synchronous preparation of a cached image
-    // is answered from the cache at once and makes the entry the youngest.
+    // An entry is found by path and size alone: a Center one serves a Crop lookup
+    // at another place and ratio. Another size or an unknown path finds nothing,
+    // silently; no lookup changes an entry's age. A request or synchronous
+    // preparation of a cached image is answered at once and makes it the youngest.
     void cachedImageIsFoundByPathAndSize()
     {
         WorkerFixture fixture;
@@ -411,9 +396,8 @@ private Q_SLOTS:
                                      debugLine(LogText::synchronousLookup, second)}));
     }
 
-    // Ten entries at most: the worker makes room before it prepares a new
-    // image. A synchronous preparation stores beyond the bound, and the next
-    // image the worker stores restores it.
+    // Ten entries at most, room made before a new preparation. A synchronous one
+    // stores beyond the bound; the next image the worker stores restores it.
     void eleventhStoredPathEvictsTheFirst()
     {
         WorkerFixture fixture;
@@ -430,8 +414,7 @@ private Q_SLOTS:
         QVERIFY(fixture.worker->getCachedImage(m_images.at(0), screen, 1.0, Crop).isNull());
         QVERIFY(!fixture.worker->getCachedImage(order.at(0), screen, 1.0, Crop).isNull());
 
-        // Stored again (at another size, so that it is prepared anew rather
-        // than answered from the cache): moved to the end, nothing evicted.
+        // Stored again (at another size, so prepared anew): moved to the end, nothing evicted.
         const QString again = m_images.at(3);
         const QRect other(0, 0, 256, 192);
         recorder.clear();
@@ -456,16 +439,14 @@ private Q_SLOTS:
         recorder.clear();
         const QString twelfth = m_images.at(11);
         QVERIFY(fixture.requestAll({twelfth}));
-        // Eleven entries, and room made for one more before the preparation:
-        // nine.
+        // Eleven entries, and room made for one more before the preparation: nine.
         COMPARE_LOG(recorder, preparing(twelfth) << evictionLine(order.at(0), 10) << evictionLine(order.at(1), 9) << sizeLine(10));
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, order.mid(2) << twelfth);
     }
 
-    // A lower capacity evicts the oldest entries at once, and a new image
-    // makes room before its preparation. The slides the show needs stay,
-    // though older than an entry it no longer wants: a new look-ahead
-    // displaces the stale entry, not the slide a fade is leaving.
+    // A lower capacity evicts the oldest at once; a new image makes room before its
+    // preparation. The show's slides stay, though older than an unwanted entry: a new
+    // look-ahead displaces the stale entry, not the slide a fade is leaving.
     void evictionSparesTheWantedSlides()
     {
         WorkerFixture fixture;
@@ -502,8 +483,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.reports.size(), 7);
         COMPARE_LOG(recorder, preparing(stale) << debugLine(LogText::skippedPassed, key(stale)));
 
-        // An image nobody wants, while every entry is wanted, does not take
-        // a wanted slide's place.
+        // An unwanted image does not take a wanted slide's place.
         QCOMPARE(fixture.worker->processImageSynchronously(stale, screen, 1.0, Crop).size(), screen.size());
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, (QList<QString>{previous, current, next}));
 
@@ -519,11 +499,10 @@ private Q_SLOTS:
         QCOMPARE(snapshotOf(fixture.worker).cacheOrder, QList<QString>{next});
     }
 
-    // Like setProperty: a new directory (a clearing and a request), then a
-    // new mode (a clearing and the same request again), all while requests
-    // wait behind a call that holds the worker's thread. The clearings
-    // return at once; the outdated requests are skipped without a decode or
-    // a report, and only the one made in the new mode is prepared.
+    // Like setProperty: a new directory (clearing, request), then a new mode
+    // (clearing, same request), while requests wait behind a call holding the
+    // worker's thread. The clearings return at once; outdated requests are skipped
+    // without a decode or report, only the one in the new mode is prepared.
     void clearingSkipsQueuedRequestsWithoutDecodingThem()
     {
         WorkerFixture fixture;
@@ -582,9 +561,8 @@ private Q_SLOTS:
         QTest::newRow("missing file") << QStringLiteral("missing.jpg") << QByteArray();
     }
 
-    // An unreadable file is stored and reported black, with a warning. One
-    // deleted since the folder was listed is no unreadable image: the worker
-    // says it is gone, without a black slide or a warning.
+    // An unreadable file is stored and reported black, with a warning. One deleted
+    // since the listing is reported gone, without a black slide or a warning.
     void unreadableFileIsStoredBlackAndReported()
     {
         QFETCH(QString, fileName);
@@ -625,10 +603,9 @@ private Q_SLOTS:
 
     void nullResultIsReportedButNotStored()
     {
-        // The file reads fine, but stretching it to a geometry so wide that
-        // Qt 5 refuses the image (more than INT_MAX bits per line) gives a
-        // null pixmap. (Stretching allocates its scaling tables first, about
-        // half a gigabyte for this width, for a moment.)
+        // The file reads fine, but stretched so wide that Qt 5 refuses the image
+        // (over INT_MAX bits a line) it gives a null pixmap. (The scaling tables
+        // take about half a gigabyte for a moment.)
         const QRect absurd(0, 0, 70000000, 200);
         const QString path = m_images.at(9);
         WorkerFixture fixture;
@@ -641,11 +618,10 @@ private Q_SLOTS:
         QVERIFY(restingCache(fixture.worker).isEmpty());
     }
 
-    // Preparations that do not finish (a read that hangs in the kernel, a file
-    // delivered slowly, a JPEG that takes a decoder minutes) never hold up the
-    // caller, and an outdated one is neither stored nor reported. A held read
-    // is released after the assertions, or by itself after a while, so that a
-    // worker that waits makes the test fail instead of hang.
+    // Preparations that do not finish (a read hanging in the kernel, a file fed
+    // slowly, a JPEG taking a decoder minutes) never hold up the caller; an outdated
+    // one is neither stored nor reported. A held read is released after the
+    // assertions, or by itself later, so a waiting worker fails the test, not hangs it.
     void clearingReturnsWhileAPreparationHangs()
     {
         const QString pipe = makePipe(QStringLiteral("hanging.png"));
@@ -669,13 +645,12 @@ private Q_SLOTS:
         const qint64 clearing = millisecondsSince(start);
         // Returned while the worker is still in its read.
         QVERIFY(!hold.released());
-        // The state above is the proof; the bound, far below the hold's 20 s,
-        // only keeps a slow return from passing unseen.
+        // The state above is the proof; the bound (far below 20 s) catches a slow return.
         QVERIFY2(clearing < 5000, qPrintable(QString::number(clearing)));
         QVERIFY(restingCache(fixture.worker).isEmpty());
 
-        // A new request is recorded at once, and served once the worker is
-        // free; a lookup does not wait either.
+        // A new request is recorded at once and served once the worker is free; a
+        // lookup does not wait either.
         start = std::chrono::steady_clock::now();
         QVERIFY(fixture.request(next, screen));
         QVERIFY(fixture.worker->getCachedImage(next, screen, 1.0, Crop).isNull());
@@ -686,8 +661,7 @@ private Q_SLOTS:
 
         hold.release();
         QVERIFY(fixture.flush());
-        // Only the new request was reported and stored; the old preparation
-        // ended without a word but the line that drops it.
+        // Only the new request was reported and stored; the old one just logs its drop.
         QCOMPARE(fixture.reports.size(), 2);
         QCOMPARE(fixture.reports.at(1).path, next);
         QCOMPARE(restingCache(fixture.worker), QList<QString>{next});
@@ -702,8 +676,7 @@ private Q_SLOTS:
         if (pipe.isEmpty()) {
             QSKIP("named pipes are not available here");
         }
-        // A noisy picture whose file would take 10 s to arrive: 100 pieces,
-        // one every 100 ms.
+        // A noisy picture fed in 100 pieces, one every 100 ms: 10 s in all.
         const QByteArray png = noisyPng(QSize(400, 300));
         QVERIFY(png.size() > 100000);
 
@@ -711,16 +684,15 @@ private Q_SLOTS:
         LogRecorder recorder;
         QVERIFY(fixture.worker->requestProcessImage(pipe, screen, 1.0, Crop));
         SlowFeeder feeder(QFile::encodeName(pipe), png, 100, 100);
-        // Once the worker is reading (the feeder can only write to a pipe
-        // that a reader holds open), a clearing makes its work outdated.
+        // Once the worker reads (the feeder writes only to a pipe a reader holds
+        // open), a clearing makes its work outdated.
         QTRY_VERIFY_WITH_TIMEOUT(feeder.started(), TestUtils::asyncTimeout);
         const qint64 clearedAt = millisecondsSince(feeder.startTime());
         fixture.worker->clearAllCacheData();
 
         QTRY_VERIFY_WITH_TIMEOUT(feeder.readerLeft(), TestUtils::asyncTimeout);
         const qint64 afterClearing = feeder.readerLeftAt() - clearedAt;
-        // The file would have taken 10 s; the reader left within a second or
-        // so of the clearing (a wide margin for loaded machines).
+        // The reader left within a second or so of the clearing (wide margin for load).
         QVERIFY2(afterClearing < 5000, qPrintable(QString::number(afterClearing)));
         QVERIFY(fixture.flush());
         QVERIFY(fixture.reports.isEmpty());
@@ -741,15 +713,13 @@ private Q_SLOTS:
         QVERIFY(fixture.request(path, screen));
         QTRY_VERIFY_WITH_TIMEOUT(!fixture.reports.isEmpty(), 120000);
         const qint64 elapsed = millisecondsSince(start);
-        // The budget is 10 s of the worker's processor time, so at least as
-        // long on the clock; what follows it (the decoder finishing on the
-        // truncated input) is short. The bound leaves room for a loaded
-        // machine; a full decode takes over two minutes.
+        // The budget is 10 s of the worker's processor time, at least as long on the
+        // clock; the decoder then finishes the truncated input quickly. The bound
+        // leaves room for load; a full decode takes over two minutes.
         QVERIFY2(elapsed >= ImageCacheWorker::preparationBudget - 100, qPrintable(QString::number(elapsed)));
         QVERIFY2(elapsed < 60000, qPrintable(QString::number(elapsed)));
 
-        // An unreadable file: a black slide with the load warning, never the
-        // half-decoded picture.
+        // An unreadable file: a black slide with the load warning, not half a picture.
         const Report &report = fixture.reports.at(0);
         QCOMPARE(report.path, path);
         QCOMPARE(report.pixmap.size(), screen.size());
@@ -773,8 +743,8 @@ private Q_SLOTS:
         const int operations = 8000;
         const int clearEvery = 400;
         const int eventsEvery = 40;
-        // Like a slide show: the requests and lookups go to a few paths
-        // around a position that moves on, mostly at the current size.
+        // Like a show: requests and lookups go to a few paths around a moving
+        // position, mostly at the current size.
         const int window = 8;
         const int stepEvery = 60;
         const QList<QRect> geometries = {QRect(0, 0, 200, 150), QRect(10, 10, 160, 140), QRect(0, 0, 240, 135)};
@@ -786,15 +756,13 @@ private Q_SLOTS:
             paths.append(TestUtils::writeSolidImage(m_dir.path(), name, QSize(40, 30), QColor::fromHsv((i * 12) % 360, 255, 255)));
         }
 
-        // Debug off: thousands of lines would only slow the run. Warnings
-        // are still recorded, and none is expected.
+        // Debug off: thousands of lines would only slow the run. No warning is expected.
         TestUtils::setSlideShowDebugEnabled(false);
         LogRecorder recorder;
         WorkerFixture fixture;
         ImageCacheWorker *worker = fixture.worker;
 
-        // With the worker idle: within the bound, each entry in both of the
-        // cache's containers.
+        // With the worker idle: within the bound, each entry in both containers.
         auto consistent = [worker] {
             const QList<QString> cache = restingCache(worker);
             return cache != notAtRest && cache.size() <= ImageCacheWorker::maxCacheSize;
@@ -809,11 +777,9 @@ private Q_SLOTS:
         for (int i = 1; i <= operations; ++i) {
             if (i % stepEvery == 0) {
                 position = (position + 1) % pathCount;
-                // Every other step the worker catches up first, so that
-                // lookups and requests also find finished images. Only then
-                // are the containers inspected: a snapshot shares its data
-                // with them, and reading it while the worker changes them
-                // would be a data race.
+                // Every other step the worker catches up first, so lookups and
+                // requests find finished images too. Only then are the containers
+                // inspected: a snapshot shares their data, a race while they change.
                 if ((i / stepEvery) % 2 == 0) {
                     QVERIFY(fixture.flush());
                     QVERIFY(consistent());
@@ -854,10 +820,9 @@ private Q_SLOTS:
             QVERIFY2(stored == 1, qPrintable(path));
         }
 
-        // Every queued request was reported at most once, from the worker's
-        // thread, and those made since the last clearing all were; requests
-        // outdated by a clearing may have been dropped. The others were
-        // answered during the call.
+        // Each queued request was reported at most once, from the worker's thread;
+        // all made since the last clearing were (older ones may be dropped). The
+        // others were answered during the call.
         int queuedReports = 0;
         for (const Report &report : qAsConst(fixture.reports)) {
             QVERIFY(paths.contains(report.path));

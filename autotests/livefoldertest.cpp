@@ -3,10 +3,9 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// The folder as a live thing: listed off the GUI thread, also when it hangs
-// like a network share whose server went away (a FUSE folder of the tests'
-// own) or holds 100,000 files; followed while the show runs; and the
-// screensaver destroyed at once whatever a listing or a read is doing.
+// The folder as a live thing: listed off the GUI thread, also when it hangs like a network share
+// whose server went away (the tests' own FUSE folder) or holds 100,000 files; followed while the
+// show runs; and the screensaver destroyed at once whatever a listing or a read is doing.
 
 #include "fusefolder.h"
 #include "showhost.h"
@@ -53,8 +52,7 @@ QString pathOf(const QString &directory, char letter)
     return pathsOf(directory, QByteArray(1, letter)).first();
 }
 
-// Writes them solid, each in its own colour: a is colourOf(0), b
-// colourOf(1) and so on.
+// Writes them solid: a in colourOf(0), b in colourOf(1) and so on.
 QStringList writeLetters(const QString &directory, const QByteArray &letters)
 {
     for (const char letter : letters) {
@@ -81,11 +79,9 @@ qint64 longestEventLoopGap(int milliseconds)
     QTest::qWait(milliseconds);
     return qMax(longest, clock.elapsed() - last);
 }
-
 }
 
-// Runs the statement and fails the test unless it returned within 100 ms;
-// the variable holds how long it took.
+// Runs the statement, failing unless it returns within 100 ms; the variable holds the time taken.
 #define RETURNS_AT_ONCE(variable, statement)                                                                                                                   \
     QElapsedTimer variable##Clock;                                                                                                                             \
     variable##Clock.start();                                                                                                                                   \
@@ -93,8 +89,7 @@ qint64 longestEventLoopGap(int milliseconds)
     const qint64 variable = variable##Clock.elapsed();                                                                                                         \
     QVERIFY2(variable < 100, qPrintable(QStringLiteral(#statement " took %1 ms").arg(variable)))
 
-// Skips the test where this machine cannot mount the tests' FUSE folder;
-// otherwise writes the letters' images into it.
+// Skips the test where the FUSE folder cannot be mounted; else writes the letters' images into it.
 #define USE_FUSE(fuse, letters)                                                                                                                                \
     do {                                                                                                                                                       \
         if (!(fuse).error().isEmpty()) {                                                                                                                       \
@@ -119,10 +114,8 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(runningSlideThreads(), 0, slowTimeout);
     }
 
-    // A folder whose listing hangs (a network share whose server went
-    // away): the settings return at once, the event loop keeps turning, and
-    // nothing is drawn, neither a slide nor the message, until the listing
-    // comes; then the first slide.
+    // A folder whose listing hangs (a share whose server went away): the settings return at once,
+    // the event loop turns, and nothing (no slide, no message) is drawn until the listing comes; then the first slide.
     void heldListingHoldsNothingElse()
     {
         FuseFolder fuse;
@@ -144,8 +137,7 @@ private Q_SLOTS:
         qInfo("setProperty returned after %lld ms; longest gap of the event loop while the listing hung: %lld ms", returned, gap);
     }
 
-    // A second folder set while the listing of the first still hangs is
-    // shown at once; the late listing changes nothing when it comes.
+    // A second folder set while the first's listing hangs is shown at once; the late listing changes nothing.
     void laterFolderIsShownWhileTheFirstHangs()
     {
         FuseFolder fuse;
@@ -164,8 +156,7 @@ private Q_SLOTS:
         QVERIFY(host.shows(colourOf(2)));
 
         fuse.holdListings(false);
-        // The late listing's thread ends; the show's cache thread and the
-        // watcher of its local folder stay.
+        // The late listing's thread ends; the cache thread and the local folder's watcher stay.
         QTRY_COMPARE_WITH_TIMEOUT(runningSlideThreads(), 2, slowTimeout);
         QCoreApplication::processEvents();
         QCOMPARE(inspect(host.label()).files(), goodPaths);
@@ -198,16 +189,14 @@ private Q_SLOTS:
     void changesJoinAtTheirTurn_data()
     {
         QTest::addColumn<bool>("network");
-        // A watcher reports the changes of a local folder: they join about
-        // two seconds after they were made.
+        // A watcher reports a local folder's changes: they join about two seconds later.
         QTest::newRow("local folder") << false;
         // A network share reports nothing: they join when the round ends.
         QTest::newRow("FUSE folder") << true;
     }
 
-    // An image added, one removed and one replaced during the show: each is
-    // seen, or gone, at its turn. A removed image is never drawn again, not
-    // even from the cache, and a replaced one is prepared afresh.
+    // Images added, removed and replaced during the show are seen, or gone, at their turn: a removed
+    // one is never drawn again, not even from the cache; a replaced one is prepared afresh.
     void changesJoinAtTheirTurn()
     {
         QFETCH(bool, network);
@@ -248,8 +237,7 @@ private Q_SLOTS:
         QVERIFY(red.save(&replacement, "PNG"));
         QVERIFY(replacement.commit());
         if (network) {
-            // Nothing is reported: the show learns it at the end of the
-            // round, which a listing starts.
+            // Nothing is reported: the show learns it from the listing that ends the round.
             QCoreApplication::processEvents();
             QCOMPARE(inspect(host.label()).files().size(), 4);
             round();
@@ -259,8 +247,7 @@ private Q_SLOTS:
         QCOMPARE(log.count(logText(LogText::joined, expected.at(1))), 1);
         QCOMPARE(log.count(logText(LogText::left, pathOf(shown, 'e'))), 1);
 
-        // At their turns: b after a, then c, then g (e's turn is gone), then
-        // the new a.
+        // At their turns: b after a, then c, then g (e's turn is gone), then the new a.
         const QList<int> turns{1, 2, 6, 7};
         for (int colour : turns) {
             host.show->updateSlide();
@@ -269,8 +256,7 @@ private Q_SLOTS:
         QCOMPARE(inspect(host.label()).currentImage(), expected.at(0));
     }
 
-    // The slide on screen removed: it stays until the next switch and is
-    // never drawn after it, not even fading out.
+    // The slide on screen removed stays until the next switch, then is never drawn, not even fading out.
     void removedCurrentSlideGoesAtTheNextSwitch()
     {
         QTemporaryDir dir;
@@ -301,9 +287,8 @@ private Q_SLOTS:
         QVERIFY(host.shows(colourOf(1)));
     }
 
-    // A file the worker finds gone (before any listing has noticed) leaves
-    // the show as a listing would take it out: without a black slide or a
-    // warning, and said once, also when the listing comes.
+    // A file the worker finds gone (before any listing noticed) leaves the show as by a listing:
+    // without a black slide or a warning, and said once, also when the listing comes.
     void fileGoneWhenOpenedLeavesTheShowOnce()
     {
         QTemporaryDir dir;
@@ -329,8 +314,7 @@ private Q_SLOTS:
         QVERIFY(log.texts(QtWarningMsg).isEmpty());
     }
 
-    // A file that is still being written is left out until it has been left
-    // alone for a while: the show never takes half an image.
+    // A file still being written is left out until left alone a while: never half an image.
     void slowlyWrittenFileJoinsOnceComplete()
     {
         QTemporaryDir dir;
@@ -371,8 +355,7 @@ private Q_SLOTS:
         QVERIFY(host.shows(colourOf(1)));
     }
 
-    // A network share not mounted yet when the greeter starts: the message,
-    // then the show, once the folder is there, within half a minute.
+    // A share not mounted yet when the greeter starts: the message, then the show within half a minute.
     void missingFolderStartsTheShowWhenItAppears()
     {
         QTemporaryDir parent;
@@ -393,8 +376,7 @@ private Q_SLOTS:
         qInfo("shown %lld ms after the folder appeared", waited.elapsed());
     }
 
-    // The end of a round asks for a listing; while one of a hung folder is
-    // pending, another is not started.
+    // The end of a round asks for a listing; while a hung folder's is pending, no other starts.
     void relistingOfAHungFolderIsNotStartedTwice()
     {
         FuseFolder fuse;
@@ -421,10 +403,8 @@ private Q_SLOTS:
         QTest::newRow("a read held") << false;
     }
 
-    // The user has typed the password while the folder hangs: the
-    // screensaver goes at once, and its threads end without touching it
-    // when the hang ends (the address sanitizer's build checks that, and
-    // that nothing leaks).
+    // The password typed while the folder hangs: the screensaver goes at once, its threads end
+    // without touching it when the hang ends (the address sanitizer build checks, and for leaks).
     void destroyedWhileHeldReturnsAtOnce()
     {
         QFETCH(bool, listing);
@@ -449,8 +429,7 @@ private Q_SLOTS:
         qInfo("destroyed in %lld ms", destroying);
     }
 
-    // After a hang over several switches the worker starts with the slide
-    // on the screen, not with the look-aheads of the switches it missed.
+    // After a hang over several switches the worker starts with the slide on screen, not missed look-aheads.
     void afterAHangTheSlideOnScreenComesFirst()
     {
         FuseFolder fuse;
@@ -481,8 +460,7 @@ private Q_SLOTS:
         fuse.holdReads(false);
         QTRY_VERIFY(reported.size() >= 3);
         QVERIFY(waitUntilIdle(inspect(label).worker()));
-        // The slide on screen, the next one, the one it fades from; nothing
-        // else is decoded.
+        // The slide on screen, the next one, the one it fades from; nothing else is decoded.
         QCOMPARE(reported, pathsOf(fuse.path(), "fge"));
         QCOMPARE(snapshotOf(inspect(label).worker()).preparationsStarted - started, 3);
     }

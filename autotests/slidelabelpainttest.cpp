@@ -3,10 +3,9 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// How SlideLabel paints (the cross-fade, one slide, the text without images)
-// and when it repaints; and what a person sees mid-fade in a host's window:
-// with more images than the cache keeps, after a mode change, through
-// transparency, awaiting a slow slide, and with the worker's lock held.
+// How SlideLabel paints (cross-fade, one slide, the text without images) and when
+// it repaints; and what is seen mid-fade in a host's window: with more images than
+// the cache keeps, after a mode change, through transparency, awaiting a slow slide.
 
 #include "fusefolder.h"
 #include "showhost.h"
@@ -31,8 +30,7 @@ using TestUtils::ShowHost;
 
 namespace
 {
-// Small enough for the worker to prepare the slides without Qt's threaded
-// scaling, large enough for a valid device geometry.
+// Small enough to skip Qt's threaded scaling, large enough for a device geometry.
 const QSize labelSize(240, 180);
 
 const QPainter::RenderHints labelHints = QPainter::Antialiasing | QPainter::SmoothPixmapTransform;
@@ -60,8 +58,7 @@ QPixmap cachedSlide(SlideLabel &label, const QString &path)
     return inspect(label).worker()->getCachedImage(path, TestUtils::deviceGeometry(label), label.devicePixelRatioF(), inspect(label).fittingMode());
 }
 
-// Every pixel different from its neighbours; with alpha, every alpha value
-// from fully transparent to opaque occurs.
+// Every pixel differs from its neighbours; with alpha, every alpha value occurs.
 QImage patternImage(const QSize &size, bool withAlpha, int seed)
 {
     QImage image(size, withAlpha ? QImage::Format_ARGB32 : QImage::Format_RGB32);
@@ -101,10 +98,9 @@ void drawSlide(QPainter &painter, const QPixmap &slide, double weight, const QSi
     painter.setOpacity(1.0);
 }
 
-// The cross-fade as the label composes it: while fading (opacity below 1)
-// the previous slide at full weight, then the current one at the opacity; a
-// null slide is left out. (The first design drew the previous one at
-// 1 - opacity: the background showed through every fade.)
+// The label's cross-fade: while fading (opacity below 1) the previous slide at full
+// weight, then the current at the opacity; a null slide is left out. (The first
+// design drew the previous at 1 - opacity: the background showed through.)
 QImage compose(const QImage &background, const QPixmap &previous, const QPixmap &current, double opacity, Layer how = Layer::None)
 {
     QImage image = background.convertToFormat(QImage::Format_ARGB32_Premultiplied);
@@ -121,8 +117,7 @@ QImage compose(const QImage &background, const QPixmap &previous, const QPixmap 
     return image;
 }
 
-// The fallback text as the label should draw it, in its font at the pixel
-// size (0 keeps the font, sized by the screen's resolution).
+// The fallback text as the label should draw it (pixel size 0 keeps the font).
 QImage expectedText(const QWidget &label, int pixelSize)
 {
     QImage image = uniform(label.size(), 0);
@@ -155,7 +150,6 @@ class SlideLabelPaintTest : public QObject
 private:
     QTemporaryDir m_dir;
 
-    // A folder of the test, or a file in it.
     QString in(const char *folder, const char *name = "") const
     {
         return QDir(m_dir.filePath(QLatin1String(folder))).filePath(QLatin1String(name));
@@ -188,8 +182,7 @@ private Q_SLOTS:
         for (const char *name : {"two", "three", "one", "patterns", "empty"}) {
             QVERIFY(QDir(m_dir.path()).mkdir(QLatin1String(name)));
         }
-        // After setDir the current slide is the first file (red) and the
-        // previous one the last (blue).
+        // After setDir the current slide is the first file (red), the previous the last.
         TestUtils::writeSolidImage(in("two"), QStringLiteral("a.png"), QSize(16, 16), Qt::red);
         TestUtils::writeSolidImage(in("two"), QStringLiteral("b.png"), QSize(16, 16), Qt::blue);
         TestUtils::writeSolidImage(in("three"), QStringLiteral("a.png"), QSize(16, 16), Qt::red);
@@ -199,7 +192,6 @@ private Q_SLOTS:
         // Already at the label's size: stretched without any scaling.
         TestUtils::writeImage(in("patterns"), QStringLiteral("a.png"), patternImage(labelSize, true, 1));
         TestUtils::writeImage(in("patterns"), QStringLiteral("b.png"), patternImage(labelSize, false, 2));
-        // Folders of 11, 12 and 30 images, each image a colour of its own.
         for (int count : {11, 12, 30}) {
             const QString folder = m_dir.filePath(QString::number(count));
             QVERIFY(QDir().mkpath(folder));
@@ -234,8 +226,8 @@ private Q_SLOTS:
         }
     }
 
-    // Drawing a slide straight at the painter's opacity gives the very bytes
-    // of a layer: source-over with a constant weight is the same either way.
+    // Drawing straight at the painter's opacity gives the very bytes of a layer:
+    // source-over with a constant weight is the same either way.
     void crossFadeIsTheSameWithOrWithoutLayers()
     {
         QFETCH(bool, previousAlpha);
@@ -291,8 +283,8 @@ private Q_SLOTS:
         }
     }
 
-    // The label paints compose() of its slides; one image alone at full
-    // weight whatever the opacity, which the label stores unclamped.
+    // The label paints compose() of its slides; one image alone at full weight
+    // whatever the (unclamped) opacity.
     void paintIsTheCrossFade()
     {
         QFETCH(QString, folder);
@@ -328,16 +320,15 @@ private Q_SLOTS:
             QVERIFY(current.hasAlphaChannel());
             return;
         }
-        // Red over blue, both opaque: opacity x current + (1 - opacity) x
-        // previous whatever lies beneath (at 0.5 over black the first design
-        // gave blue 64, not 127). Each draw rounds its 8-bit alpha by at most
-        // one unit; one slide at full weight is drawn exactly.
+        // Red over blue, opaque: opacity x current + (1 - opacity) x previous whatever
+        // lies beneath (the first design gave blue 64, not 127, at 0.5 over black).
+        // Each draw rounds its 8-bit alpha by one unit at most; full weight is exact.
         const int fuzz = two && opacity > 0.0 && opacity < 1.0 ? 2 : 0;
         COMPARE_IMAGES(painted, uniform(labelSize, TestUtils::crossFadePixel(background, Qt::blue, Qt::red, weight)), fuzz);
     }
 
-    // A slide that is not ready is left out: the current one fades in over
-    // the background, or the previous one stays at full weight.
+    // A slide not ready is left out: the current fades in over the background,
+    // or the previous stays at full weight.
     void crossFadeWithAMissingSlideDrawsTheOther()
     {
         // setDir asks for the first two files, not the previous (third).
@@ -407,8 +398,7 @@ private Q_SLOTS:
         QTest::newRow("40 wide, the painter's font") << 40 << 0 << false;
     }
 
-    // The text, white and centred, at a fiftieth of the width in pixels, as
-    // expectedText() draws it, and not at a neighbouring size.
+    // The text, white and centred, at a fiftieth of the width in pixels (not a neighbouring size).
     void withoutImagesPaintsTheCentredWhiteText()
     {
         QFETCH(int, width);
@@ -439,8 +429,8 @@ private Q_SLOTS:
         auto label = labelWithCached(in("two"), {in("two", "a.png"), in("two", "b.png")});
         QVERIFY(label);
         PaintCounter paints(label.get());
-        // Value set, stored, paints so far: a value fuzzily equal to the
-        // stored one is ignored (any change from zero counts); none clamped.
+        // Value set, stored, paints so far: a value fuzzily equal to the stored one is
+        // ignored (any change from zero counts); none clamped.
         const double steps[][3] =
             {{0.5, 0.5, 1}, {0.5, 0.5, 1}, {0.5 + 1e-14, 0.5, 1}, {0.6, 0.6, 2}, {0.0, 0.0, 3}, {0.0, 0.0, 3}, {1e-9, 1e-9, 4}, {1.7, 1.7, 5}, {-0.3, -0.3, 6}};
         for (const auto &step : steps) {
@@ -489,8 +479,8 @@ private Q_SLOTS:
         }
     }
 
-    // The label draws the pixmaps the worker reports, not what its cache
-    // holds; a report made before the last clearing is stale and dropped.
+    // The label draws the reported pixmaps, not its cache's; a report from before
+    // the last clearing is stale and dropped.
     void reportedPixmapIsDrawnUnlessMadeBeforeTheLastClearing()
     {
         auto label = labelWithCached(in("one"), {in("one", "only.png")});
@@ -520,9 +510,8 @@ private Q_SLOTS:
         }
     }
 
-    // With more images than ten (or than fit at 4K) the cache keeps three
-    // slides; the fade needs the previous one to its end, whatever the order
-    // in which the cache was filled.
+    // With more than ten images (or than fit at 4K) the cache keeps three slides;
+    // the fade needs the previous one to its end, whatever the filling order.
     void middleOfAFadeShowsBothSlides()
     {
         QFETCH(int, images);
@@ -561,8 +550,7 @@ private Q_SLOTS:
         }
     }
 
-    // A transparent slide shows the previous one through it while it fades
-    // in, and the host's background once the fade is over.
+    // A transparent slide shows the previous one while fading in, then the background.
     void transparentSlideShowsWhatLiesBeneath()
     {
         QTemporaryDir dir;
@@ -600,9 +588,8 @@ private Q_SLOTS:
         QTest::newRow("held longer than an interval") << true;
     }
 
-    // A switch to a slide not ready: the fade starts when it comes, at most
-    // an interval later; until then the previous one stays at full weight
-    // (the first design faded towards nothing).
+    // A switch to a slide not ready: the fade starts when it comes, an interval later
+    // at most; till then the previous stays at full weight (once it faded to nothing).
     void fadeWaitsForItsSlide()
     {
         QFETCH(bool, longerThanAnInterval);
@@ -647,8 +634,7 @@ private Q_SLOTS:
         host.show->stop();
     }
 
-    // Painting draws the label's own copies of the slides: it never waits
-    // for another thread holding the worker's lock.
+    // Painting uses the label's own copies: it never waits for the worker's lock.
     void paintTakesNoLock()
     {
         ShowHost host;

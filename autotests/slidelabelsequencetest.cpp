@@ -3,10 +3,9 @@
     SPDX-License-Identifier: GPL-2.0-or-later
 */
 
-// The slide sequence of SlideLabel: what a scan lists in which order, how
-// setNext steps, which images the label asks its worker for (seen in the
-// worker's debug lines); and its cache thread, which the label's destruction
-// never waits for (the GUI thread takes the user's password).
+// SlideLabel's sequence: what a scan lists in which order, how setNext steps,
+// which images the worker is asked for (seen in its debug lines); and its cache
+// thread, never waited for on destruction (the GUI thread takes the password).
 
 #include "fusefolder.h"
 #include "slidelabeltesthelpers.h"
@@ -84,9 +83,8 @@ QString queuedLine(const QString &path)
     return logText(LogText::queued, requestKey(path, labelSize));
 }
 
-// Records the thread in which a watched object is destroyed. Connected by
-// name: a slot object written here and read in the running thread, ordered
-// only by the toolkit's locks, would look like a race to the sanitizer.
+// Records the thread a watched object is destroyed in. Connected by name: a slot
+// object ordered only by the toolkit's locks would look like a race to the sanitizer.
 class DestructionWitness : public QObject
 {
     Q_OBJECT
@@ -106,9 +104,8 @@ private Q_SLOTS:
     }
 };
 
-// Tags the messages with the thread that logged them and hands them on.
-// Declare it before the labels it watches, so that their threads have ended
-// when it goes. A std::mutex: the sanitizer sees it also when contended.
+// Tags messages with the thread that logged them. Declare it before the labels it
+// watches, so their threads have ended when it goes; a std::mutex the sanitizer sees.
 struct ThreadTagger {
     ThreadTagger()
     {
@@ -172,8 +169,7 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("names");
         QTest::addColumn<QStringList>("expected");
         QTest::newRow("mixed case") << list("b.png A.jpg c.JPEG") << list("A.jpg b.png c.JPEG");
-        // Compared as lower-case characters: '_' sorts before 'a' and 'z',
-        // while a case-sensitive order would put 'Z' first.
+        // In lower case '_' sorts before 'a' and 'z'; case-sensitive, 'Z' would come first.
         QTest::newRow("capitals after punctuation") << list("Z.png _.png a.png") << list("_.png a.png Z.png");
         QTest::newRow("character by character, not numerically") << list("img10.png img2.png Img1.png") << list("Img1.png img10.png img2.png");
         QTest::newRow("each of the nine patterns") << list("i.png h.xpm g.xbm f.ppm e.pgm d.pbm c.bmp b.jpeg a.jpg")
@@ -199,10 +195,9 @@ private Q_SLOTS:
         QCOMPARE(inspect(label).currentImage(), joined(m_dir->path(), expected).first());
     }
 
-    // With the subfolders: a folder's own images first, then each subfolder
-    // in name order, depth first; hidden folders and those network storage
-    // keeps beside photos are left out, and a folder reached again through
-    // links is listed once, so a loop of links ends.
+    // A folder's own images first, then each subfolder in name order, depth first;
+    // hidden folders and network storage's own ones are left out, and a folder
+    // reached again through links is listed once, so a loop of links ends.
     void subfoldersAreListedDepthFirst()
     {
         const QDir root(m_dir->path());
@@ -252,9 +247,8 @@ private Q_SLOTS:
         QVERIFY(second != paths);
         QVERIFY(second.first() != first.last());
         QVERIFY(rounds.at(2).first() != second.last());
-        // Images added during a round take random places in what is left of
-        // it, removed ones leave it, nothing shown repeats: one not shown yet
-        // in the third round leaves, two come.
+        // Added images take random places in the rest of the round, removed ones leave
+        // it, nothing shown repeats: one not yet shown in the third round leaves, two come.
         QStringList shown = rounds.at(2);
         const QString leaving = *std::find_if(paths.cbegin(), paths.cend(), [&shown](const QString &path) {
             return !shown.contains(path);
@@ -297,7 +291,6 @@ private Q_SLOTS:
         const QString prefix = expectedPrefix.contains(QLatin1String("%1")) ? expectedPrefix.arg(m_dir->path()) : expectedPrefix;
         QCOMPARE(inspect(label).files(), QStringList({prefix + QStringLiteral("a.png"), prefix + QStringLiteral("b.png")}));
         QCOMPARE(requestLines(log, true).first(), logText(LogText::settingDirectory, directory));
-        // The worker is asked with the same paths.
         QCOMPARE(requestedPaths(log), inspect(label).files());
     }
 
@@ -349,11 +342,11 @@ private Q_SLOTS:
         QTest::addColumn<int>("images");
         QTest::addColumn<QSize>("size");
         QTest::addColumn<int>("capacity");
-        // All of a small folder fit, so each image is decoded once.
+        // A small folder fits whole, so each image is decoded once.
         QTest::newRow("5 images") << 5 << labelSize << 10;
         QTest::newRow("10 images") << 10 << labelSize << 10;
-        // More than the cache holds: each would go before its turn came
-        // again, so only the previous, current and next stay.
+        // Too many: each would go before its turn came again, so only the
+        // previous, current and next stay.
         QTest::newRow("11 images") << 11 << labelSize << 3;
         // Five slides of 3840 x 2160 take 158 MiB, more than the 96 allowed.
         QTest::newRow("5 images at 3840x2160") << 5 << QSize(3840, 2160) << 3;
@@ -383,9 +376,9 @@ private Q_SLOTS:
         QCOMPARE(snapshotOf(inspect(label).worker()).cachedPaths, capacity >= images ? paths : QStringList({paths.at(0), paths.at(1), paths.last()}));
     }
 
-    // A slide not drawn is neither prepared nor kept: the start and a resize
-    // at rest ask for the current and next slides, a resize while fading for
-    // the previous too, which leaves before the next preparation once over.
+    // A slide not drawn is neither prepared nor kept: the start and a resize at rest
+    // ask for the current and next, a resize while fading for the previous too,
+    // which leaves before the next preparation once the fade is over.
     void onlyWhatIsDrawnIsPrepared()
     {
         TestUtils::FuseFolder fuse;
@@ -420,8 +413,7 @@ private Q_SLOTS:
         QVERIFY(waitUntilIdle(inspect(label).worker()));
         QCOMPARE(decodes(), 8);
         QCOMPARE(snapshotOf(inspect(label).worker()).capacity, 3);
-        // The fade over, a is drawn no more: with d's reading held, the
-        // cache holds b and c only.
+        // The fade over, a is drawn no more: with d's reading held, b and c alone stay.
         label->setOpacity(1.0);
         fuse.holdReads(true);
         label->setNext();
@@ -546,23 +538,20 @@ private Q_SLOTS:
         QTest::addColumn<int>("steps");
         QTest::addColumn<double>("opacity");
         QTest::addColumn<QList<int>>("order");
-        // A new mode or size refills the cache; the previous slide only
-        // while a fade runs (below the opacity 1): at rest it is not drawn
-        // (the first design asked for it all the same).
+        // A new mode or size refills the cache; the previous slide only while a fade
+        // runs (opacity below 1): at rest it is not drawn (the first design asked anyway).
         for (bool resize : {false, true}) {
             const QString trigger = QLatin1String(resize ? "resized " : "new mode ");
             QTest::newRow(qPrintable(trigger + QStringLiteral("after setDir"))) << resize << 3 << 0 << 1.0 << QList<int>{0, 1};
             QTest::newRow(qPrintable(trigger + QStringLiteral("after one step, fading"))) << resize << 3 << 1 << 0.0 << QList<int>{1, 2, 0};
             QTest::newRow(qPrintable(trigger + QStringLiteral("one image"))) << resize << 1 << 0 << 1.0 << QList<int>{0};
             QTest::newRow(qPrintable(trigger + QStringLiteral("two images"))) << resize << 2 << 0 << 1.0 << QList<int>{0, 1};
-            // Without a folder a new mode only clears the cache, and a
-            // resize is only logged.
+            // Without a folder a new mode only clears the cache; a resize is only logged.
             QTest::newRow(qPrintable(trigger + QStringLiteral("no folder"))) << resize << 0 << 0 << 1.0 << QList<int>();
         }
         QTest::newRow("new mode after one step, the fade over") << false << 3 << 1 << 1.0 << QList<int>{1, 2};
         QTest::newRow("new mode at the last image, fading") << false << 3 << 2 << 0.0 << QList<int>{2, 0, 1};
-        // Fading, the previous image is the next one: asked for twice, taken
-        // once (the second line says waiting or cached).
+        // Fading, the previous image is the next: asked for twice, taken once.
         QTest::newRow("new mode, two images, fading") << false << 2 << 0 << 0.5 << QList<int>{0, 1, 1};
     }
 
@@ -594,8 +583,7 @@ private Q_SLOTS:
             QCOMPARE(label->size(), size);
             expected.append(logText(LogText::resized, size));
         } else {
-            // The mode in force (the default) again does nothing: the first
-            // line below is of the new one.
+            // The mode in force (the default) again does nothing.
             QCOMPARE(inspect(label).fittingMode(), Stretch);
             label->setPosition(Stretch);
             label->setPosition(Crop);
@@ -621,8 +609,7 @@ private Q_SLOTS:
             flushEvents();
             QCOMPARE(log.slideShowEntries().size(), expected.size());
         }
-        // Without a repeated request, nothing else (a resize's reports may
-        // come meanwhile).
+        // Without a repeated request, nothing else (a resize's reports may interleave).
         if (!resize && QSet<int>(order.cbegin(), order.cend()).size() == order.size()) {
             QCOMPARE(flow, expected);
         }
@@ -640,8 +627,7 @@ private Q_SLOTS:
 
     void requestsCarryTheFittingMode()
     {
-        // A white square on a 320 x 240 label: centred it leaves black
-        // borders, stretched it covers everything.
+        // A white square on a 320 x 240 label: centred, black borders; stretched, all white.
         QStringList paths;
         for (const QString &name : list("a.png b.png c.png")) {
             paths.append(TestUtils::writeSolidImage(m_dir->path(), name, QSize(100, 100), Qt::white));
@@ -678,17 +664,15 @@ private Q_SLOTS:
         QVERIFY(thread);
         QVERIFY(thread != QThread::currentThread());
         QVERIFY(thread->isRunning());
-        // A plain event loop, below every other thread: its decoding must
-        // not take the processor from the GUI thread.
+        // A plain event loop at idle priority: decoding must not starve the GUI thread.
         QCOMPARE(thread->metaObject()->className(), "QThread");
         QCOMPARE(thread->priority(), QThread::IdlePriority);
         QVERIFY(!thread->parent());
         QCOMPARE(label->thread(), QThread::currentThread());
         // Running before any directory is set.
         QVERIFY(inspect(label).files().isEmpty());
-        // The signal awaited before a fade, and the worker's two answers: a
-        // report, whose generation tells one made before a clearing, and a
-        // file that has gone. Its own class name makes qobject_cast work.
+        // The signal awaited before a fade and the worker's two answers (a report, whose
+        // generation tells one from before a clearing, and a file gone); qobject_cast works.
         const QMetaObject *meta = label->metaObject();
         QCOMPARE(meta->className(), "Dm::ScreenSaver::SlideLabel");
         QCOMPARE(meta->superClass(), &QLabel::staticMetaObject);
@@ -728,9 +712,8 @@ private Q_SLOTS:
         for (int i = 0; i < 6; ++i) {
             TestUtils::writeSolidImage(m_dir->path(), QStringLiteral("%1.png").arg(i), QSize(200, 150), QColor(i * 40, 0, 0));
         }
-        // With requests in flight, several rounds: where the thread stands
-        // when told to quit differs from one to the next. No recorder and no
-        // debug lines: its lock, taken by both threads, would order them.
+        // In flight, several rounds: where the thread stands when told to quit varies.
+        // No recorder or debug lines: its lock, taken by both threads, would order them.
         const bool inFlight = !held && steps >= 0;
         TestUtils::setSlideShowDebugEnabled(!inFlight);
         const auto debugAgain = qScopeGuard([] {
@@ -802,8 +785,7 @@ private Q_SLOTS:
         for (QThread *thread : tagger.threadsOf({"SlideLabel: "})) {
             QCOMPARE(thread, QThread::currentThread());
         }
-        // The report of a prepared image comes at once, within the request,
-        // in the GUI thread.
+        // A prepared image is reported at once, within the request, in the GUI thread.
         label->setNext();
         label->setNext();
         QVERIFY(waitUntilIdle(inspect(label).worker()));

@@ -19,8 +19,6 @@
 #include <QTemporaryDir>
 #include <QVariantAnimation>
 
-#include <memory>
-
 using namespace Dm::ScreenSaver;
 using namespace DialogTest;
 using TestUtils::debugEntry;
@@ -42,8 +40,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        // Small images keep Qt's scaling on the calling thread (see the
-        // thread sanitizer notes of the build).
+        // Small images keep Qt's scaling on the calling thread (see the build's sanitizer notes).
         for (const QString &directory : {m_first, m_second}) {
             QVERIFY(QDir().mkpath(directory));
             QVERIFY(!TestUtils::writeSolidImage(directory, QStringLiteral("a.png"), QSize(64, 48), Qt::red).isEmpty());
@@ -56,9 +53,8 @@ private Q_SLOTS:
         TestUtils::setSlideShowDebugEnabled(false);
     }
 
-    // The window, its groups and their controls in place with their texts,
-    // and what they show before anything is loaded. (controlsOf finds the
-    // groups and labels by their exact texts.)
+    // The window, its groups and controls in place with their texts (controlsOf finds
+    // groups and labels by exact text), and what they show before anything is loaded.
     void constructionLaysOutEveryControl()
     {
         SlideShowSettingsWidget dialog;
@@ -96,8 +92,7 @@ private Q_SLOTS:
             QCOMPARE(QList<int>({row, column, rowSpan, columnSpan}), QList<int>({i / 2, i % 2, 1, 1}));
             QCOMPARE(grid->itemAt(index)->alignment(), Qt::Alignment());
         }
-        // Only two columns hold widgets, but the stretch given to column 6
-        // extends the grid to seven columns.
+        // Only two columns hold widgets, but the stretch of column 6 makes seven.
         QCOMPARE(grid->columnCount(), 7);
         QCOMPARE(grid->columnStretch(6), 0);
         QCOMPARE(c.autoSwitch->suffix(), translated(" sec"));
@@ -117,9 +112,8 @@ private Q_SLOTS:
         QVERIFY(dialog.property().isEmpty());
     }
 
-    // The row gives the line edit six parts and the Open button one, unless
-    // the button's share is below what it needs: a push button never shrinks
-    // below its size hint, and then the line edit gets the rest.
+    // The line edit gets six parts, the Open button one, unless that is below the button's
+    // size hint (a push button never shrinks below it): then the line edit gets the rest.
     void directoryRowSharesWidthSixToOne()
     {
         SlideShowSettingsWidget dialog;
@@ -129,8 +123,7 @@ private Q_SLOTS:
         for (int width : {1400, 900, 460}) {
             dialog.resize(width, dialog.height());
             QTRY_COMPARE(dialog.width(), width);
-            // Run the layouts now rather than waiting for their posted
-            // request.
+            // Run the layouts now rather than waiting for their posted request.
             dialog.layout()->activate();
             c.directoryGroup->layout()->activate();
             const int lineEdit = c.directory->width();
@@ -144,8 +137,7 @@ private Q_SLOTS:
             // Wide enough for the plain ratio with any usual style.
             QVERIFY2(width < 900 || available / 7.0 >= buttonLimit, widths);
             if (available / 7.0 >= buttonLimit) {
-                // The layout divides in fixed point and rounds each width to
-                // whole pixels, so each may be up to a pixel off its share.
+                // Fixed-point division rounded to whole pixels: up to a pixel off each share.
                 QVERIFY2(qAbs(lineEdit - available * 6.0 / 7.0) <= 1.0, widths);
                 QVERIFY2(qAbs(button - available / 7.0) <= 1.0, widths);
             } else {
@@ -212,8 +204,7 @@ private Q_SLOTS:
         const auto settings = [this](int autoSwitch, int effect, int position, bool includeSubfolders, int order) {
             return fullSettingsMap(m_first, autoSwitch, effect, position, includeSubfolders, order);
         };
-        // A map of the four older keys: one folder, in the order of the
-        // names. A key without a control is kept as well.
+        // The four older keys mean one folder, by name; a key without a control is kept too.
         QVariantMap older = settingsMap(m_first, 5, 500, 1);
         older.insert(QStringLiteral("Extra"), QStringLiteral("kept"));
         QTest::newRow("four keys") << older << settings(5, 500, 1, false, 0) << false << true;
@@ -224,8 +215,7 @@ private Q_SLOTS:
         stored.insert(includeSubfoldersKey, QStringLiteral("true"));
         stored.insert(orderKey, QStringLiteral("1"));
         QTest::newRow("subfolders, shuffled, as text") << stored << settings(5, 500, 1, true, 1) << false << true;
-        // A value without its choice leaves the choice shown before; the
-        // spin box shows its minimum for a zero or missing interval.
+        // A value without its choice leaves the previous choice; a zero or missing interval shows the minimum.
         QTest::newRow("effect without choice") << settings(5, 1000, 1, false, 0) << settings(5, 2500, 1, false, 0) << false << true;
         QTest::newRow("order without choice") << settings(5, 500, 1, false, 7) << settings(5, 500, 1, false, 1) << false << true;
         QTest::newRow("position without choice") << settings(5, 500, 9, false, 0) << settings(5, 500, 2, false, 0) << false << true;
@@ -239,9 +229,8 @@ private Q_SLOTS:
         QTest::newRow("setProperty, other map") << older << settings(5, 500, 1, false, 0) << true << true;
     }
 
-    // setSilentProperty loads without reporting a change, setProperty
-    // reports one; either writes the map into the log. The map loaded before
-    // shows the second item of every choice.
+    // setSilentProperty loads without reporting a change, setProperty reports one; both log the
+    // map. The map loaded before shows the second item of every choice.
     void loadingShowsTheMap()
     {
         QFETCH(QVariantMap, map);
@@ -336,9 +325,8 @@ private Q_SLOTS:
         for (const auto &edit : edits) {
             QTest::addRow("%s, OK", qPrintable(edit.first)) << edit.first << edit.second << true << true;
             QTest::addRow("%s, Cancel", qPrintable(edit.first)) << edit.first << edit.second << false << true;
-            // A map of the older keys lacks the newer ones: a control adds
-            // its key when touched. (Without a directory OK refuses; tested
-            // below.)
+            // A map of the older keys lacks the newer ones: a control adds its key when
+            // touched. (Without a directory OK refuses; tested below.)
             if (edit.first != directoryKey) {
                 QTest::addRow("%s not loaded, OK", qPrintable(edit.first)) << edit.first << edit.second << true << false;
             }
@@ -348,9 +336,8 @@ private Q_SLOTS:
         QTest::newRow("nothing edited, OK") << QString() << QVariant() << true << true;
     }
 
-    // Each control edited as a user does, then OK or Cancel. The edit shows
-    // at once in property(); OK reports a change only for an edited key that
-    // was loaded, Cancel loads the loaded map again.
+    // Each control edited as a user does, then OK or Cancel. The edit shows at once in property();
+    // OK reports a change only for an edited key that was loaded, Cancel reloads the loaded map.
     void editThroughOkOrCancel()
     {
         QFETCH(QString, key);
@@ -400,16 +387,14 @@ private Q_SLOTS:
         QTest::addColumn<bool>("ok");
         // The start comes from the loaded map, not from the line edit.
         QTest::newRow("existing, other path typed, cancelled") << m_first << m_second << m_first << QString() << false;
-        // Without a /home, Qt's file dialog opens the missing folder's
-        // parent instead.
+        // Without a /home, Qt's file dialog opens the missing folder's parent instead.
         const QString home = QDir(QStringLiteral("/home")).exists() ? QStringLiteral("/home") : QStringLiteral("/");
         QTest::newRow("missing, cancelled") << QDir(m_dir.path()).absoluteFilePath(QStringLiteral("missing")) << QString() << home << QString() << false;
         // A picked directory is saved too: no change on OK, kept by Cancel.
         QTest::newRow("picked, then OK") << m_first << QString() << m_first << m_second << true;
         QTest::newRow("picked, then Cancel") << m_first << QString() << m_first << m_second << false;
-        // Without a saved directory OK shows an error, however a path was
-        // typed, until one is picked. (Where the file dialog starts then is
-        // Qt's choice.)
+        // Without a saved directory OK shows an error, whatever was typed, until one is
+        // picked. (Where the file dialog starts then is Qt's choice.)
         QTest::newRow("empty directory loaded") << QStringLiteral("") << m_first << QString() << m_second << true;
         QTest::newRow("nothing loaded") << QString() << m_first << QString() << m_second << true;
     }
@@ -465,8 +450,7 @@ private Q_SLOTS:
         QCOMPARE(c.directory->toolTip(), pick);
         QCOMPARE(dialog.property().value(directoryKey), QVariant(pick));
 
-        // Nothing else was edited, and the picked directory is saved as
-        // well, so OK closes without a change.
+        // Nothing else was edited and the pick is saved too, so OK closes without a change.
         QVERIFY(!clickAndAnswer(ok ? c.ok : c.cancel).shown);
         QVERIFY(!dialog.isVisible());
         QCOMPARE(dialog.result(), int(ok ? QDialog::Accepted : QDialog::Rejected));
@@ -476,8 +460,7 @@ private Q_SLOTS:
         QCOMPARE(dialog.property(), loaded);
     }
 
-    // The screensaver's dialog has no parent and goes with the screensaver,
-    // whether that has a parent (a host widget) or not.
+    // The dialog has no parent and goes with the screensaver, whether that has a parent or not.
     void settingWidgetIsDeletedWithScreensaver()
     {
         auto host = std::make_unique<QWidget>();
@@ -501,8 +484,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("key");
         QTest::addColumn<QVariant>("value");
         QTest::addColumn<QVariantMap>("expected");
-        // What the host gives is merged with the defaults, IncludeSubfolders
-        // and Order included.
+        // What the host gives is merged with the defaults, IncludeSubfolders and Order included.
         const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
         QTest::newRow("host, full map") << settingsMap(m_second, 7, 50, 3) << false << QString() << QVariant() << fullSettingsMap(m_second, 7, 50, 3, false, 0);
         QTest::newRow("host, effect only") << QVariantMap{{effectKey, 5000}} << false << QString() << QVariant()
@@ -510,16 +492,14 @@ private Q_SLOTS:
         // A commit in the dialog, edited as a user does.
         const QVariantMap none;
         QTest::newRow("fade committed") << none << false << effectKey << QVariant(5000) << fullSettingsMap(m_first, 9, 5000, 2, true, 1);
-        // The dialog holds only some keys and one the screensaver does not
-        // know: the commit is merged with the defaults.
+        // The dialog holds some keys and an unknown one: the commit is merged with the defaults.
         QTest::newRow("fade committed from a partial map") << none << true << effectKey << QVariant(5000) << fullSettingsMap(m_second, 5, 5000, 1, false, 0);
         QTest::newRow("subfolders committed") << none << false << includeSubfoldersKey << QVariant(false) << fullSettingsMap(m_first, 9, 2500, 2, false, 1);
         QTest::newRow("order committed") << none << false << orderKey << QVariant(0) << fullSettingsMap(m_first, 9, 2500, 2, true, 0);
     }
 
-    // The dialog is made with the settings in force. The host's later
-    // settings reach it without a change reported; a commit in it reaches
-    // the screensaver, is applied once and pushed back into the dialog.
+    // The dialog is made with the settings in force; the host's later ones reach it without a change
+    // reported; a commit reaches the screensaver, is applied once and pushed back into the dialog.
     void settingsReachScreensaverAndDialog()
     {
         QFETCH(QVariantMap, hostMap);
@@ -532,8 +512,7 @@ private Q_SLOTS:
         screensaver.setProperty(inForce);
         auto *dialog = qobject_cast<SlideShowSettingsWidget *>(screensaver.settingWidget());
         QVERIFY(dialog);
-        // Made once, and connected once however often it is asked for: a
-        // commit is applied once.
+        // Made and connected once however often asked for: a commit is applied once.
         QCOMPARE(screensaver.settingWidget(), dialog);
         QCOMPARE(dialog->property(), inForce);
         const Controls c = controlsOf(dialog);
@@ -580,8 +559,7 @@ private Q_SLOTS:
 
 int main(int argc, char **argv)
 {
-    // Qt's own file dialog stores its state and last folder in the user's
-    // configuration when it closes; keep that out of the real one.
+    // Qt's file dialog stores its state in the user's configuration on closing: keep it out of the real one.
     QTemporaryDir configHome;
     if (configHome.isValid()) {
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome.path()));

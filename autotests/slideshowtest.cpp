@@ -15,10 +15,8 @@
 #include <QElapsedTimer>
 #include <QGraphicsDropShadowEffect>
 #include <QHBoxLayout>
-#include <QPointer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QTimer>
 #include <QVariantAnimation>
 
@@ -40,15 +38,13 @@ const QString subfoldersKey = QStringLiteral("IncludeSubfolders");
 const QString orderKey = QStringLiteral("Order");
 const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
 
-// The defaults, written out rather than taken from the code under test; the
-// two later keys (one folder, by name) keep the show the first four give.
+// Written out, not taken from the code; the later two keep the show the first four give.
 QVariantMap expectedDefaults()
 {
     return QVariantMap{{imageDirectoryKey, defaultDirectory}, {effectKey, 500}, {autoSwitchKey, 5}, {positionKey, 1}, {subfoldersKey, false}, {orderKey, 0}};
 }
 
-// Given the settings, shown, listed and with the current and next slides
-// ready: a switch then starts its fade at once (a fade waits for its slide).
+// Set, shown, listed, the current and next slides ready: a switch then fades at once.
 bool ready(SlideShow &show, const QVariantMap &settings)
 {
     show.setProperty(settings);
@@ -231,8 +227,7 @@ private Q_SLOTS:
         QCOMPARE(inspect(inspect(show).slideLabel()).currentOpacity(), 1.0);
 
         QCOMPARE(show.name(), QStringLiteral("Slide show"));
-        // References that outlive the call and the changes (a dangling one
-        // would show in the sanitizer build); the defaults stay as they are.
+        // References outlive the call and the changes (the sanitizer build sees a dangling one).
         const QString &name = show.settingGroupName();
         const QVariantMap *property = &show.property();
         show.setProperty(settings(1, 200));
@@ -338,8 +333,7 @@ private Q_SLOTS:
         }
     }
 
-    // A folder without images is the label's to report: the default one,
-    // missing here, and an empty setting, which names the working directory.
+    // The label reports a folder without images: the (missing) default, and an empty setting (the working directory).
     void missingImagesAreReported()
     {
         SlideShow show;
@@ -379,8 +373,7 @@ private Q_SLOTS:
         QTest::newRow("an unknown order") << QVariant(false) << QVariant(7) << false << int(ByName);
     }
 
-    // The folder, its subfolders and the order take effect together, with
-    // one listing for each setProperty.
+    // The folder, subfolders and order take effect together: one listing per setProperty.
     void folderSubfoldersAndOrderApplyTogether()
     {
         QFETCH(QVariant, subfolders);
@@ -406,8 +399,7 @@ private Q_SLOTS:
         QCOMPARE(show.property().value(subfoldersKey), subfolders.isValid() ? subfolders : QVariant(false));
     }
 
-    // The settings are logged as one map of all six keys, merged with the
-    // defaults, before they are applied; with the default rules not at all.
+    // Logged before being applied, as one map merged with the defaults; not with the default rules.
     void setPropertyLogsTheMergedMap()
     {
         {
@@ -512,8 +504,7 @@ private Q_SLOTS:
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
     }
 
-    // A fade of 0 ms ends within its switch; an interval of 0 then switches
-    // again as each fade ends.
+    // A 0 ms fade ends within its switch; an interval of 0 switches again as each fade ends.
     void zeroEffectAndIntervalSwitchOnAndOn()
     {
         SlideShow show;
@@ -588,8 +579,7 @@ private Q_SLOTS:
         show.stop();
     }
 
-    // A start or new settings during a fade restart nothing, and the show
-    // may be destroyed in the middle of one.
+    // A start or new settings during a fade restart nothing; the show may be destroyed mid-fade.
     void duringAFade()
     {
         auto *show = new SlideShow;
