@@ -7,8 +7,6 @@
 #include "imagemetrics.h"
 #include "testutils.h"
 
-#include <QBuffer>
-#include <QFile>
 #include <QImageReader>
 #include <QImageWriter>
 #include <QPainter>
@@ -24,6 +22,7 @@ static_assert(int(Stretch) == 0 && int(Crop) == 1 && int(Tile) == 2 && int(Cente
 using TestUtils::loadWarning;
 using TestUtils::LogEntry;
 using TestUtils::LogRecorder;
+using TestUtils::writeFile;
 
 namespace
 {
@@ -59,22 +58,6 @@ QImage canvas(const QSize &size, const QColor &background, const QList<QPair<QRe
 QImage toRgb(const QPixmap &pixmap)
 {
     return pixmap.toImage().convertToFormat(QImage::Format_RGB32);
-}
-
-QByteArray encoded(const QImage &image, const char *format, int quality = -1)
-{
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, format, quality);
-    return bytes;
-}
-
-// Writes the bytes and returns the path, or an empty string on error.
-QString writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? path : QString();
 }
 }
 
@@ -217,7 +200,7 @@ private Q_SLOTS:
         }
         QTest::newRow("empty") << QByteArray("") << int(Crop);
         QTest::newRow("text") << QByteArray("this is not an image\n") << int(Crop);
-        QTest::newRow("truncated png") << encoded(patternImage(QSize(64, 64)), "PNG").left(40) << int(Crop);
+        QTest::newRow("truncated png") << TestUtils::encoded(patternImage(QSize(64, 64)), "PNG").left(40) << int(Crop);
     }
 
     void unloadableFileGivesABlackCanvas()
@@ -318,16 +301,14 @@ private Q_SLOTS:
         QTest::addColumn<QSize>("screen");
         // Where set, the part of the file that is shown exactly.
         QTest::addColumn<QRect>("region");
-        // Each of these would take over 250 MB decoded in full; what the
-        // preparation holds of them is little more than the screen
-        // (robustnesstest measures it, and that the files over the decoding
-        // limit are refused).
+        // Each would take over 250 MB decoded in full; the preparation holds
+        // little more than the screen of them (robustnesstest measures it,
+        // and that the files over the decoding limit are refused).
         const QString dir = m_dir.path();
         const QSize screen(640, 480);
-        // A baseline JPEG is decoded through the library's scaling into
-        // little more than the screen: shown, however large; centred or
-        // tiled, only the part shown is decoded (whole, it would take
-        // 2.4 GB).
+        // A baseline JPEG is decoded through the library's scaling into little
+        // more than the screen, however large; centred or tiled, only the part
+        // shown is decoded (whole, it would take 2.4 GB).
         const QString panorama = TestUtils::writeFlatJpeg(dir, QStringLiteral("panorama.jpg"), 30000, 20000, false);
         for (const auto &mode : firstModes) {
             QTest::addRow("baseline jpeg panorama of 30000x20000, %s", mode.first) << panorama << mode.second << screen << QRect();
@@ -335,19 +316,11 @@ private Q_SLOTS:
         // An SVG document under a PNG name: read by content, rendered at the
         // size shown (centred it would be rendered at its own 537 MB).
         if (QImageReader::supportedImageFormats().contains("svg")) {
-            QTest::newRow("svg of 11585x11585 named png, cropped") << writeFile(m_dir.filePath(QStringLiteral("vector.png")),
-                                                                                "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"11585\" height=\"11585\">"
-                                                                                "<rect width=\"11585\" height=\"11585\" fill=\"#808080\"/></svg>")
-                                                                   << int(Crop) << screen << QRect();
+            const QString svg = writeFile(m_dir.filePath(QStringLiteral("vector.png")), TestUtils::whiteSvg(QSize(11585, 11585)));
+            QTest::newRow("svg of 11585x11585 named png, cropped") << svg << int(Crop) << screen << QRect();
         }
-        // A tall screenshot in Crop on a 4K screen: scaled whole first, it
-        // made a 3840 x 30720 intermediate and took 582 MB.
-        QImage tall(1000, 8000, QImage::Format_RGB32);
-        for (int y = 0; y < tall.height(); ++y) {
-            std::fill_n(reinterpret_cast<QRgb *>(tall.scanLine(y)), tall.width(), qRgb(y % 256, 100, 200));
-        }
-        QTest::newRow("tall png in crop on a 4k screen")
-            << TestUtils::writeImage(dir, QStringLiteral("tall.png"), tall) << int(Crop) << QSize(3840, 2160) << QRect();
+        const QString tall = TestUtils::writeImage(dir, QStringLiteral("tall.png"), TestUtils::tallScreenshot());
+        QTest::newRow("tall png in crop on a 4k screen") << tall << int(Crop) << QSize(3840, 2160) << QRect();
         // Tile and Center of a JPEG much larger than the screen decode only
         // the part they show: exactly the matching region of the image.
         // Center: half the difference of the sizes, (1920 - 16000) / 2 and
@@ -392,7 +365,7 @@ private Q_SLOTS:
         // a negative height.
         QFETCH(int, position);
         const QImage source = patternImage(QSize(120, 90));
-        const QByteArray bottomUp = encoded(source, "BMP");
+        const QByteArray bottomUp = TestUtils::encoded(source, "BMP");
         const QString bottomUpPath = writeFile(m_dir.filePath(QStringLiteral("bottom-up.bmp")), bottomUp);
         // The same picture with its rows from the top: negate the height,
         // reverse the rows.
@@ -449,7 +422,7 @@ private Q_SLOTS:
         const bool mirrored = orientation == 2 || orientation == 4 || orientation == 5 || orientation == 7;
         const QImage stored = upright.transformed(QTransform().rotate(turns[orientation - 1])).mirrored(mirrored, false);
         const QString path = writeFile(m_dir.filePath(QStringLiteral("orientation-%1.jpg").arg(orientation)),
-                                       TestUtils::withExifOrientation(encoded(stored, "JPG", 95), orientation));
+                                       TestUtils::withExifOrientation(TestUtils::encoded(stored, "JPG", 95), orientation));
         QVERIFY(!path.isEmpty());
 
         const QSize target(320, 240);
@@ -470,13 +443,18 @@ private Q_SLOTS:
     {
         QTest::addColumn<QSize>("image");
         QTest::addColumn<QRect>("fitted");
+        // A red and a blue pixel of the fill (of the image itself where it
+        // fills the screen); where the fill's red meets its blue, if shown.
+        QTest::addColumn<QPoint>("red");
+        QTest::addColumn<QPoint>("blue");
+        QTest::addColumn<QPoint>("mix");
         // On a 400 x 300 screen.
-        QTest::newRow("portrait") << QSize(100, 200) << QRect(125, 0, 150, 300);
-        QTest::newRow("landscape") << QSize(400, 100) << QRect(0, 100, 400, 100);
-        QTest::newRow("the screen's shape") << QSize(800, 600) << QRect(0, 0, 400, 300);
+        QTest::newRow("portrait") << QSize(100, 200) << QRect(125, 0, 150, 300) << QPoint(5, 150) << QPoint(394, 150) << QPoint();
+        QTest::newRow("landscape") << QSize(400, 100) << QRect(0, 100, 400, 100) << QPoint(60, 50) << QPoint(340, 250) << QPoint(200, 50);
+        QTest::newRow("the screen's shape") << QSize(800, 600) << QRect(0, 0, 400, 300) << QPoint(0, 0) << QPoint(399, 299) << QPoint();
         // Fitted, 400 x 299: within a pixel of the screen, so it fills it,
         // with no sliver of fill.
-        QTest::newRow("within a pixel") << QSize(401, 300) << QRect(0, 0, 400, 300);
+        QTest::newRow("within a pixel") << QSize(401, 300) << QRect(0, 0, 400, 300) << QPoint(0, 0) << QPoint(399, 299) << QPoint();
     }
 
     // Fit: the whole image, its aspect kept, as large as fits and centred;
@@ -486,6 +464,9 @@ private Q_SLOTS:
     {
         QFETCH(QSize, image);
         QFETCH(QRect, fitted);
+        QFETCH(QPoint, red);
+        QFETCH(QPoint, blue);
+        QFETCH(QPoint, mix);
         // Red on the left half, blue on the right one.
         const QImage halves = canvas(image, Qt::blue, {{QRect(0, 0, image.width() / 2, image.height()), Qt::red}});
         const QString path = TestUtils::writeImage(m_dir.path(), QStringLiteral("fit.png"), halves);
@@ -499,22 +480,13 @@ private Q_SLOTS:
         QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.left() + 2, middle), Qt::red, 2));
         QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.right() - 2, middle), Qt::blue, 2));
         QVERIFY(TestUtils::fuzzyColor(shown.pixel(fitted.center().x(), fitted.top()), Qt::red, 128));
-        const QColor darkRed(102, 0, 0);
-        const QColor darkBlue(0, 0, 102);
-        if (fitted.width() < screen.width()) {
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(5, 150), darkRed, 2));
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(394, 150), darkBlue, 2));
-        } else if (fitted.height() < screen.height()) {
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(60, 50), darkRed, 2));
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(340, 250), darkBlue, 2));
-            // Blurred: where red meets blue in the fill, a mix of both.
-            const QRgb mix = shown.pixel(200, 50);
-            QVERIFY2(qRed(mix) > 20 && qBlue(mix) > 20, qPrintable(QColor(mix).name()));
-        } else {
-            // Filled by the image itself: no darkened pixel anywhere.
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(0, 0), Qt::red, 2));
-            QVERIFY(TestUtils::fuzzyColor(shown.pixel(399, 299), Qt::blue, 2));
-        }
+        // Darkened to 40 % unless filled by the image itself.
+        const int level = fitted.size() == screen ? 255 : 102;
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(red), QColor(level, 0, 0), 2));
+        QVERIFY(TestUtils::fuzzyColor(shown.pixel(blue), QColor(0, 0, level), 2));
+        // Blurred: a mix of both.
+        const QRgb mixed = shown.pixel(mix);
+        QVERIFY2(mix.isNull() || (qRed(mixed) > 20 && qBlue(mixed) > 20), qPrintable(QColor(mixed).name()));
     }
 
     void everyFormatIsReadWithItsSize_data()
@@ -547,10 +519,7 @@ private Q_SLOTS:
             QTest::newRow(format) << path << size << (qstrcmp(format, "tif") == 0 || qstrcmp(format, "tiff") == 0);
         }
         if (QImageReader::supportedImageFormats().contains("svg")) {
-            QTest::newRow("svg") << writeFile(m_dir.filePath(QStringLiteral("format.svg")),
-                                              "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"36\" height=\"20\">"
-                                              "<rect width=\"36\" height=\"20\" fill=\"#ffffff\"/></svg>")
-                                 << size << true;
+            QTest::newRow("svg") << writeFile(m_dir.filePath(QStringLiteral("format.svg")), TestUtils::whiteSvg(size)) << size << true;
         }
     }
 

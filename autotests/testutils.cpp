@@ -7,15 +7,19 @@
 
 #include <KLocalizedString>
 
+#include <QBuffer>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QImageWriter>
 #include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QTest>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 #include <zlib.h>
 
@@ -307,32 +311,57 @@ QString writeManyScanJpeg(const QString &directory, const QString &fileName, int
         out.append(acData);
     }
     out.append(char(0xff)).append(char(0xd9));
+    return writeFile(QDir(directory).filePath(fileName), out);
+}
 
-    const QString path = QDir(directory).filePath(fileName);
+QString writeFile(const QString &path, const QByteArray &bytes)
+{
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(out) != out.size()) {
-        return QString();
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? path : QString();
+}
+
+QByteArray encoded(const QImage &image, const char *format, int quality)
+{
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QImageWriter writer(&buffer, format);
+    writer.setQuality(quality);
+    if (!writer.write(image)) {
+        qWarning() << "cannot encode" << format << writer.errorString();
     }
-    return path;
+    return bytes;
+}
+
+QByteArray whiteSvg(const QSize &size)
+{
+    const QByteArray dimensions = QStringLiteral("width=\"%1\" height=\"%2\"").arg(size.width()).arg(size.height()).toLatin1();
+    return "<svg xmlns=\"http://www.w3.org/2000/svg\" " + dimensions + "><rect " + dimensions + " fill=\"#ffffff\"/></svg>";
+}
+
+QImage tallScreenshot()
+{
+    QImage image(1000, 8000, QImage::Format_RGB32);
+    for (int y = 0; y < image.height(); ++y) {
+        std::fill_n(reinterpret_cast<QRgb *>(image.scanLine(y)), image.width(), qRgb(y % 256, 100, 200));
+    }
+    return image;
 }
 
 namespace
 {
-bool writeFile(const QString &path, const QByteArray &data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
 void appendBigEndian(QByteArray &out, quint32 value)
 {
     out.append(char(value >> 24)).append(char(value >> 16)).append(char(value >> 8)).append(char(value));
 }
 
-void appendLittleEndian(QByteArray &out, quint32 value, int bytes)
+// Each value in that many bytes, the lowest first.
+void appendLittleEndian(QByteArray &out, std::initializer_list<quint32> values, int bytes = 4)
 {
-    for (int i = 0; i < bytes; ++i) {
-        out.append(char(value >> (8 * i)));
+    for (const quint32 value : values) {
+        for (int i = 0; i < bytes; ++i) {
+            out.append(char(value >> (8 * i)));
+        }
     }
 }
 
@@ -364,8 +393,7 @@ QString writeFlatJpeg(const QString &directory, const QString &fileName, int wid
     const qint64 bits = blocks * (progressive ? 1 : 2);
     out.append(QByteArray(int((bits + 7) / 8), char(0)));
     out.append(char(0xff)).append(char(0xd9));
-    const QString path = QDir(directory).filePath(fileName);
-    return writeFile(path, out) ? path : QString();
+    return writeFile(QDir(directory).filePath(fileName), out);
 }
 
 QString writeZeroPng(const QString &directory, const QString &fileName, int width, int height, int bitDepth, int colourType)
@@ -403,8 +431,7 @@ QString writeZeroPng(const QString &directory, const QString &fileName, int widt
     deflateEnd(&stream);
     appendPngChunk(out, "IDAT", compressed);
     appendPngChunk(out, "IEND", QByteArray());
-    const QString path = QDir(directory).filePath(fileName);
-    return writeFile(path, out) ? path : QString();
+    return writeFile(QDir(directory).filePath(fileName), out);
 }
 
 QString writeRleBmp(const QString &directory, const QString &fileName, int width, int height)
@@ -419,25 +446,15 @@ QString writeRleBmp(const QString &directory, const QString &fileName, int width
     data.append(char(qMin(width, 255))).append(char(200));
     data.append(char(0)).append(char(1));
     const int dataOffset = 14 + 40 + palette.size();
+    // The file header, then an info header of 40 bytes: width and height,
+    // one plane of 8 bits a pixel, BI_RLE8 (1), the data's size, 2835 pixels
+    // a metre and a palette of 256 colours.
     QByteArray out("BM");
-    appendLittleEndian(out, quint32(dataOffset + data.size()), 4);
-    appendLittleEndian(out, 0, 4);
-    appendLittleEndian(out, quint32(dataOffset), 4);
-    appendLittleEndian(out, 40, 4);
-    appendLittleEndian(out, quint32(width), 4);
-    appendLittleEndian(out, quint32(height), 4);
-    appendLittleEndian(out, 1, 2);
-    appendLittleEndian(out, 8, 2);
-    // BI_RLE8.
-    appendLittleEndian(out, 1, 4);
-    appendLittleEndian(out, quint32(data.size()), 4);
-    appendLittleEndian(out, 2835, 4);
-    appendLittleEndian(out, 2835, 4);
-    appendLittleEndian(out, 256, 4);
-    appendLittleEndian(out, 0, 4);
+    appendLittleEndian(out, {quint32(dataOffset + data.size()), 0, quint32(dataOffset), 40, quint32(width), quint32(height)});
+    appendLittleEndian(out, {1, 8}, 2);
+    appendLittleEndian(out, {1, quint32(data.size()), 2835, 2835, 256, 0});
     out.append(palette).append(data);
-    const QString path = QDir(directory).filePath(fileName);
-    return writeFile(path, out) ? path : QString();
+    return writeFile(QDir(directory).filePath(fileName), out);
 }
 
 QByteArray withExifOrientation(const QByteArray &jpeg, int orientation)
@@ -446,14 +463,11 @@ QByteArray withExifOrientation(const QByteArray &jpeg, int orientation)
     // entry: tag 0x0112 (orientation), type SHORT, one value.
     QByteArray exif("Exif\0\0", 6);
     exif.append("II*\0", 4);
-    appendLittleEndian(exif, 8, 4);
-    appendLittleEndian(exif, 1, 2);
-    appendLittleEndian(exif, 0x0112, 2);
-    appendLittleEndian(exif, 3, 2);
-    appendLittleEndian(exif, 1, 4);
-    appendLittleEndian(exif, quint32(orientation), 2);
-    appendLittleEndian(exif, 0, 2);
-    appendLittleEndian(exif, 0, 4);
+    appendLittleEndian(exif, {8});
+    appendLittleEndian(exif, {1, 0x0112, 3}, 2);
+    appendLittleEndian(exif, {1});
+    appendLittleEndian(exif, {quint32(orientation), 0}, 2);
+    appendLittleEndian(exif, {0});
     QByteArray segment;
     appendSegment(segment, 0xe1, exif);
     return jpeg.left(2) + segment + jpeg.mid(2);

@@ -136,6 +136,15 @@ void setSlideShowDebugEnabled(bool enabled);
 QString writeSolidImage(const QString &directory, const QString &fileName, const QSize &size, const QColor &color);
 // Writes the image and returns its path; fails the calling test on error.
 QString writeImage(const QString &directory, const QString &fileName, const QImage &image);
+// Writes the bytes and returns the path, or an empty string on error.
+QString writeFile(const QString &path, const QByteArray &bytes);
+// The image in that format (a quality of -1 for the writer's default).
+QByteArray encoded(const QImage &image, const char *format, int quality = -1);
+// An SVG document of that size, all white.
+QByteArray whiteSvg(const QSize &size);
+// A tall screenshot, 1000 x 8000 pixels: in Crop on a 4K screen, scaled
+// whole first, it made a 3840 x 30720 intermediate and took 582 MB.
+QImage tallScreenshot();
 
 // Writes a grey progressive JPEG of size x size pixels (a multiple of 8)
 // whose first scan is followed by acScans scans that each carry next to no
