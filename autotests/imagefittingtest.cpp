@@ -373,7 +373,8 @@ private Q_SLOTS:
         const int height = qFromLittleEndian<qint32>(bottomUp.constData() + 22);
         const int rowBytes = (bottomUp.size() - dataOffset) / height;
         QByteArray topDown = bottomUp.left(dataOffset);
-        qToLittleEndian<qint32>(-height, topDown.data() + 22);
+        const qint32 negated = qToLittleEndian<qint32>(-height);
+        topDown.replace(22, 4, reinterpret_cast<const char *>(&negated), 4);
         for (int row = height - 1; row >= 0; --row) {
             topDown.append(bottomUp.mid(dataOffset + row * rowBytes, rowBytes));
         }
