@@ -32,20 +32,15 @@ namespace DialogTest
 {
 using TestUtils::translated;
 
-const QString directoryKey = QStringLiteral("ImageDirectory");
-const QString autoSwitchKey = QStringLiteral("AutoSwitch");
-const QString effectKey = QStringLiteral("Effect");
-const QString positionKey = QStringLiteral("Position");
-const QString includeSubfoldersKey = QStringLiteral("IncludeSubfolders");
-const QString orderKey = QStringLiteral("Order");
+namespace Key = TestUtils::Key;
 
 // A map with all six keys: the four of settingsMap, then whether subfolders
 // are included and the order of the slides.
 inline QVariantMap fullSettingsMap(const QString &directory, int autoSwitch, int effect, int position, bool includeSubfolders, int order)
 {
     QVariantMap map = TestUtils::settingsMap(directory, autoSwitch, effect, position);
-    map.insert(includeSubfoldersKey, includeSubfolders);
-    map.insert(orderKey, order);
+    map.insert(Key::includeSubfolders, includeSubfolders);
+    map.insert(Key::order, order);
     return map;
 }
 
@@ -86,7 +81,7 @@ struct Controls {
     // The combo box of the fade, the position or the order.
     QComboBox *choiceBox(const QString &key) const
     {
-        return key == effectKey ? effect : key == positionKey ? position : key == orderKey ? order : nullptr;
+        return key == Key::effect ? effect : key == Key::position ? position : key == Key::order ? order : nullptr;
     }
 };
 
@@ -153,12 +148,12 @@ inline Controls controlsOf(QDialog *dialog)
 inline QVariantMap shownSettings(const Controls &c)
 {
     return {
-        {directoryKey, c.directory->text()},
-        {autoSwitchKey, c.autoSwitch->value()},
-        {effectKey, c.effect->currentData()},
-        {positionKey, c.position->currentData()},
-        {includeSubfoldersKey, c.includeSubfolders->isChecked()},
-        {orderKey, c.order->currentData()},
+        {Key::directory, c.directory->text()},
+        {Key::autoSwitch, c.autoSwitch->value()},
+        {Key::effect, c.effect->currentData()},
+        {Key::position, c.position->currentData()},
+        {Key::includeSubfolders, c.includeSubfolders->isChecked()},
+        {Key::order, c.order->currentData()},
     };
 }
 
@@ -198,11 +193,11 @@ inline void retype(QWidget *editor, const QString &text)
 // needed. False when the control does not end up showing the value.
 inline bool editAsUser(const Controls &c, const QString &key, const QVariant &value)
 {
-    if (key == directoryKey) {
+    if (key == Key::directory) {
         retype(c.directory, value.toString());
-    } else if (key == autoSwitchKey) {
+    } else if (key == Key::autoSwitch) {
         retype(c.autoSwitch, value.toString());
-    } else if (key == includeSubfoldersKey && c.includeSubfolders->isChecked() != value.toBool()) {
+    } else if (key == Key::includeSubfolders && c.includeSubfolders->isChecked() != value.toBool()) {
         c.includeSubfolders->setFocus();
         QTest::keyClick(c.includeSubfolders, Qt::Key_Space);
     } else if (QComboBox *box = c.choiceBox(key)) {

@@ -156,10 +156,10 @@ private Q_SLOTS:
 
         // Both outlive the loader that made them.
         delete loader;
-        first->setProperty(QVariantMap{{QStringLiteral("AutoSwitch"), 2}});
+        first->setProperty(QVariantMap{{TestUtils::Key::autoSwitch, 2}});
         first->start();
         first->stop();
-        QCOMPARE(first->property().value(QStringLiteral("AutoSwitch")), QVariant(2));
+        QCOMPARE(first->property().value(TestUtils::Key::autoSwitch), QVariant(2));
         // The next root instance is a new loader.
         QVERIFY(qobject_cast<AbstractPluginScreenSaverLoader *>(m_instance()));
 

@@ -152,10 +152,10 @@ private Q_SLOTS:
         // The English keys, separated by commas.
         QTest::addColumn<QString>("englishKeys");
         QTest::addColumn<QList<int>>("values");
-        QTest::newRow("effects") << effectKey << QStringLiteral("Fast,None,Normal,Slow") << QList<int>{500, 50, 2500, 5000};
+        QTest::newRow("effects") << Key::effect << QStringLiteral("Fast,None,Normal,Slow") << QList<int>{500, 50, 2500, 5000};
         // Fit comes in its alphabetical place, after Crop.
-        QTest::newRow("positions") << positionKey << QStringLiteral("Center,Crop,Fit,Stretch,Tile") << QList<int>{3, 1, 4, 0, 2};
-        QTest::newRow("orders") << orderKey << QStringLiteral("By name,Shuffle") << QList<int>{0, 1};
+        QTest::newRow("positions") << Key::position << QStringLiteral("Center,Crop,Fit,Stretch,Tile") << QList<int>{3, 1, 4, 0, 2};
+        QTest::newRow("orders") << Key::order << QStringLiteral("By name,Shuffle") << QList<int>{0, 1};
     }
 
     // The boxes list their items in the order of the tables' English keys;
@@ -166,7 +166,7 @@ private Q_SLOTS:
         QFETCH(QString, key);
         QFETCH(QString, englishKeys);
         QFETCH(QList<int>, values);
-        const QMap<QString, Data> table = key == effectKey ? effectsData() : key == positionKey ? positionsData() : ordersData();
+        const QMap<QString, Data> table = key == Key::effect ? effectsData() : key == Key::position ? positionsData() : ordersData();
         QCOMPARE(table.keys(), englishKeys.split(QLatin1Char(',')));
         SlideShowSettingsWidget dialog;
         const Controls c = controlsOf(&dialog);
@@ -187,7 +187,7 @@ private Q_SLOTS:
 
         SlideShowSettingsWidget::Private *d = dialog.d.get();
         LogRecorder recorder;
-        QComboBox *again = key == effectKey ? d->initEffectsCheckBox() : key == positionKey ? d->initPositionsCheckBox() : d->initOrdersCheckBox();
+        QComboBox *again = key == Key::effect ? d->initEffectsCheckBox() : key == Key::position ? d->initPositionsCheckBox() : d->initOrdersCheckBox();
         QCOMPARE(again, box);
         QCOMPARE(box->count(), values.size());
         // All three warn with the same text, in the default category.
@@ -212,8 +212,8 @@ private Q_SLOTS:
         QTest::newRow("subfolders, shuffled") << settings(5, 500, 1, true, 1) << settings(5, 500, 1, true, 1) << false << true;
         // Values read back from a settings file arrive as text.
         QVariantMap stored = settingsMap(m_first, 5, 500, 1);
-        stored.insert(includeSubfoldersKey, QStringLiteral("true"));
-        stored.insert(orderKey, QStringLiteral("1"));
+        stored.insert(Key::includeSubfolders, QStringLiteral("true"));
+        stored.insert(Key::order, QStringLiteral("1"));
         QTest::newRow("subfolders, shuffled, as text") << stored << settings(5, 500, 1, true, 1) << false << true;
         // A value without its choice leaves the previous choice; a zero or missing interval shows the minimum.
         QTest::newRow("effect without choice") << settings(5, 1000, 1, false, 0) << settings(5, 2500, 1, false, 0) << false << true;
@@ -221,7 +221,7 @@ private Q_SLOTS:
         QTest::newRow("position without choice") << settings(5, 500, 9, false, 0) << settings(5, 500, 2, false, 0) << false << true;
         QTest::newRow("interval zero") << settings(0, 500, 1, false, 0) << settings(1, 500, 1, false, 0) << false << true;
         QVariantMap noInterval = settings(5, 500, 1, false, 0);
-        noInterval.remove(autoSwitchKey);
+        noInterval.remove(Key::autoSwitch);
         QTest::newRow("interval missing") << noInterval << settings(1, 500, 1, false, 0) << false << true;
         // setProperty reports a change even when the map is the one loaded.
         const QVariantMap before = fullSettingsMap(m_second, 9, 2500, 2, true, 1);
@@ -252,12 +252,12 @@ private Q_SLOTS:
         const Controls c = controlsOf(&dialog);
         QVERIFY(c.complete());
         QCOMPARE(shownSettings(c), shown);
-        QCOMPARE(c.autoSwitch->text(), shown.value(autoSwitchKey).toString() + translated(" sec"));
+        QCOMPARE(c.autoSwitch->text(), shown.value(Key::autoSwitch).toString() + translated(" sec"));
         QCOMPARE(dialog.property(), map);
 
         // Each choice still edits from what the load left.
         QVERIFY(showDialog(&dialog));
-        for (const QString &key : {effectKey, orderKey, positionKey}) {
+        for (const QString &key : {Key::effect, Key::order, Key::position}) {
             QComboBox *box = c.choiceBox(key);
             const QVariant other = box->itemData(box->currentIndex() == 0 ? 1 : 0);
             QVERIFY(editAsUser(c, key, other));
@@ -303,7 +303,7 @@ private Q_SLOTS:
         }
         QTest::keyClick(c.autoSwitch, Qt::Key(key));
         QCOMPARE(c.autoSwitch->value(), expected);
-        QCOMPARE(dialog.property().value(autoSwitchKey), QVariant(expected));
+        QCOMPARE(dialog.property().value(Key::autoSwitch), QVariant(expected));
     }
 
     void editThroughOkOrCancel_data()
@@ -313,26 +313,26 @@ private Q_SLOTS:
         QTest::addColumn<bool>("ok");
         QTest::addColumn<bool>("keyLoaded");
         const QList<QPair<QString, QVariant>> edits = {
-            {directoryKey, m_second},
-            {includeSubfoldersKey, true},
-            {autoSwitchKey, 7},
+            {Key::directory, m_second},
+            {Key::includeSubfolders, true},
+            {Key::autoSwitch, 7},
             // None stores 50 ms, not 0.
-            {effectKey, 50},
-            {orderKey, 1},
+            {Key::effect, 50},
+            {Key::order, 1},
             // Tile, the fifth item now that Fit comes before it.
-            {positionKey, 2},
+            {Key::position, 2},
         };
         for (const auto &edit : edits) {
             QTest::addRow("%s, OK", qPrintable(edit.first)) << edit.first << edit.second << true << true;
             QTest::addRow("%s, Cancel", qPrintable(edit.first)) << edit.first << edit.second << false << true;
             // A map of the older keys lacks the newer ones: a control adds its key when
             // touched. (Without a directory OK refuses; tested below.)
-            if (edit.first != directoryKey) {
+            if (edit.first != Key::directory) {
                 QTest::addRow("%s not loaded, OK", qPrintable(edit.first)) << edit.first << edit.second << true << false;
             }
         }
         // The saved directory satisfies OK; the cleared one is the change.
-        QTest::newRow("directory cleared, OK") << directoryKey << QVariant(QString()) << true << true;
+        QTest::newRow("directory cleared, OK") << Key::directory << QVariant(QString()) << true << true;
         QTest::newRow("nothing edited, OK") << QString() << QVariant() << true << true;
     }
 
@@ -417,7 +417,7 @@ private Q_SLOTS:
         QSignalSpy changed(&dialog, &AbstractSettingDialog::changed);
         if (!typed.isEmpty()) {
             retype(c.directory, typed);
-            QCOMPARE(dialog.property().value(directoryKey), QVariant(typed));
+            QCOMPARE(dialog.property().value(Key::directory), QVariant(typed));
         }
         if (saved.isEmpty()) {
             const ModalAnswer error = clickAndAnswer(c.ok);
@@ -448,7 +448,7 @@ private Q_SLOTS:
         }
         QCOMPARE(c.directory->text(), pick);
         QCOMPARE(c.directory->toolTip(), pick);
-        QCOMPARE(dialog.property().value(directoryKey), QVariant(pick));
+        QCOMPARE(dialog.property().value(Key::directory), QVariant(pick));
 
         // Nothing else was edited and the pick is saved too, so OK closes without a change.
         QVERIFY(!clickAndAnswer(ok ? c.ok : c.cancel).shown);
@@ -456,7 +456,7 @@ private Q_SLOTS:
         QCOMPARE(dialog.result(), int(ok ? QDialog::Accepted : QDialog::Rejected));
         QCOMPARE(changed.count(), 0);
         QCOMPARE(c.directory->text(), pick);
-        loaded.insert(directoryKey, pick);
+        loaded.insert(Key::directory, pick);
         QCOMPARE(dialog.property(), loaded);
     }
 
@@ -487,15 +487,15 @@ private Q_SLOTS:
         // What the host gives is merged with the defaults, IncludeSubfolders and Order included.
         const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
         QTest::newRow("host, full map") << settingsMap(m_second, 7, 50, 3) << false << QString() << QVariant() << fullSettingsMap(m_second, 7, 50, 3, false, 0);
-        QTest::newRow("host, effect only") << QVariantMap{{effectKey, 5000}} << false << QString() << QVariant()
+        QTest::newRow("host, effect only") << QVariantMap{{Key::effect, 5000}} << false << QString() << QVariant()
                                            << fullSettingsMap(defaultDirectory, 5, 5000, 1, false, 0);
         // A commit in the dialog, edited as a user does.
         const QVariantMap none;
-        QTest::newRow("fade committed") << none << false << effectKey << QVariant(5000) << fullSettingsMap(m_first, 9, 5000, 2, true, 1);
+        QTest::newRow("fade committed") << none << false << Key::effect << QVariant(5000) << fullSettingsMap(m_first, 9, 5000, 2, true, 1);
         // The dialog holds some keys and an unknown one: the commit is merged with the defaults.
-        QTest::newRow("fade committed from a partial map") << none << true << effectKey << QVariant(5000) << fullSettingsMap(m_second, 5, 5000, 1, false, 0);
-        QTest::newRow("subfolders committed") << none << false << includeSubfoldersKey << QVariant(false) << fullSettingsMap(m_first, 9, 2500, 2, false, 1);
-        QTest::newRow("order committed") << none << false << orderKey << QVariant(0) << fullSettingsMap(m_first, 9, 2500, 2, true, 0);
+        QTest::newRow("fade committed from a partial map") << none << true << Key::effect << QVariant(5000) << fullSettingsMap(m_second, 5, 5000, 1, false, 0);
+        QTest::newRow("subfolders committed") << none << false << Key::includeSubfolders << QVariant(false) << fullSettingsMap(m_first, 9, 2500, 2, false, 1);
+        QTest::newRow("order committed") << none << false << Key::order << QVariant(0) << fullSettingsMap(m_first, 9, 2500, 2, true, 0);
     }
 
     // The dialog is made with the settings in force; the host's later ones reach it without a change
@@ -519,7 +519,7 @@ private Q_SLOTS:
         QVERIFY(c.complete());
         QCOMPARE(shownSettings(c), inForce);
         if (partial) {
-            dialog->setSilentProperty({{directoryKey, m_second}, {effectKey, 2500}, {QStringLiteral("Unknown"), QStringLiteral("dropped")}});
+            dialog->setSilentProperty({{Key::directory, m_second}, {Key::effect, 2500}, {QStringLiteral("Unknown"), QStringLiteral("dropped")}});
         }
         QVERIFY(showDialog(dialog));
         QSignalSpy changed(dialog, &AbstractSettingDialog::changed);
@@ -540,10 +540,10 @@ private Q_SLOTS:
         QCOMPARE(dialog->isVisible(), !commit);
         // The newer keys reach the screensaver as a bool and an int.
         QCOMPARE(screensaver.property(), expected);
-        QCOMPARE(screensaver.property().value(includeSubfoldersKey).userType(), int(QMetaType::Bool));
-        QCOMPARE(screensaver.property().value(orderKey).userType(), int(QMetaType::Int));
-        QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), expected.value(effectKey).toInt());
-        QCOMPARE(inspect(screensaver).switchTimer().interval(), expected.value(autoSwitchKey).toInt() * 1000);
+        QCOMPARE(screensaver.property().value(Key::includeSubfolders).userType(), int(QMetaType::Bool));
+        QCOMPARE(screensaver.property().value(Key::order).userType(), int(QMetaType::Int));
+        QCOMPARE(inspect(screensaver).fadeAnimation()->duration(), expected.value(Key::effect).toInt());
+        QCOMPARE(inspect(screensaver).switchTimer().interval(), expected.value(Key::autoSwitch).toInt() * 1000);
         QCOMPARE(dialog->property(), expected);
         QCOMPARE(shownSettings(c), expected);
 

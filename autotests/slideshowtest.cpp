@@ -30,18 +30,18 @@ using SlideLabelTest::waitForListing;
 
 namespace
 {
-const QString imageDirectoryKey = QStringLiteral("ImageDirectory");
-const QString effectKey = QStringLiteral("Effect");
-const QString autoSwitchKey = QStringLiteral("AutoSwitch");
-const QString positionKey = QStringLiteral("Position");
-const QString subfoldersKey = QStringLiteral("IncludeSubfolders");
-const QString orderKey = QStringLiteral("Order");
+namespace Key = TestUtils::Key;
 const QString defaultDirectory = QStringLiteral("/usr/share/wallpapers/slideshow/");
 
 // Written out, not taken from the code; the later two keep the show the first four give.
 QVariantMap expectedDefaults()
 {
-    return QVariantMap{{imageDirectoryKey, defaultDirectory}, {effectKey, 500}, {autoSwitchKey, 5}, {positionKey, 1}, {subfoldersKey, false}, {orderKey, 0}};
+    return QVariantMap{{Key::directory, defaultDirectory},
+                       {Key::effect, 500},
+                       {Key::autoSwitch, 5},
+                       {Key::position, 1},
+                       {Key::includeSubfolders, false},
+                       {Key::order, 0}};
 }
 
 // Set, shown, listed, the current and next slides ready: a switch then fades at once.
@@ -83,7 +83,7 @@ private:
     // The three images; an interval of 0 switches at once where the wait is not under test.
     QVariantMap settings(int autoSwitch, int effect) const
     {
-        return QVariantMap{{imageDirectoryKey, m_images.path()}, {autoSwitchKey, autoSwitch}, {effectKey, effect}};
+        return QVariantMap{{Key::directory, m_images.path()}, {Key::autoSwitch, autoSwitch}, {Key::effect, effect}};
     }
 
 private Q_SLOTS:
@@ -117,7 +117,7 @@ private Q_SLOTS:
         QCOMPARE(QByteArray(slideShowLog().categoryName()), QByteArray(LogText::category));
         // The two newer keys come after the four older ones.
         QCOMPARE(QStringList(slideShowKeys.cbegin(), slideShowKeys.cend()),
-                 (QStringList{imageDirectoryKey, effectKey, autoSwitchKey, positionKey, subfoldersKey, orderKey}));
+                 (QStringList{Key::directory, Key::effect, Key::autoSwitch, Key::position, Key::includeSubfolders, Key::order}));
     }
 
     void debugFollowsTheLoggingRules_data()
@@ -233,7 +233,7 @@ private Q_SLOTS:
         show.setProperty(settings(1, 200));
         QCOMPARE(name, QStringLiteral("SlideShow"));
         QCOMPARE(&show.property(), property);
-        QCOMPARE(property->value(effectKey), QVariant(200));
+        QCOMPARE(property->value(Key::effect), QVariant(200));
         QCOMPARE(show.defaultProperty(), expected);
     }
 
@@ -250,10 +250,10 @@ private Q_SLOTS:
         show.setProperty(QVariantMap{{QStringLiteral("Unknown"), 42}});
         QCOMPARE(show.property(), expectedDefaults());
         // Unknown keys beside known ones are dropped too.
-        show.setProperty(QVariantMap{{effectKey, 300}, {QStringLiteral("ShowLock"), QStringLiteral("datetime")}, {QStringLiteral("effect"), 1}});
+        show.setProperty(QVariantMap{{Key::effect, 300}, {QStringLiteral("ShowLock"), QStringLiteral("datetime")}, {QStringLiteral("effect"), 1}});
         QVERIFY(waitForListing(*inspect(show).slideLabel()));
         QVariantMap expected = expectedDefaults();
-        expected.insert(effectKey, 300);
+        expected.insert(Key::effect, 300);
         QCOMPARE(show.property(), expected);
         QCOMPARE(inspect(show).fadeAnimation()->duration(), 300);
         QCOMPARE(inspect(show).switchTimer().interval(), 5000);
@@ -272,37 +272,37 @@ private Q_SLOTS:
 
         // Stored as given, whatever its type, applied through toInt(); the others stay at their defaults.
         const auto row = [](const QString &key, const char *name, const QVariant &value, int applied) {
-            QTest::addRow("%s %s", qPrintable(key), name)
-                << key << value << (key == autoSwitchKey ? applied : 5000) << (key == effectKey ? applied : 500) << (key == positionKey ? applied : int(Crop));
+            QTest::addRow("%s %s", qPrintable(key), name) << key << value << (key == Key::autoSwitch ? applied : 5000) << (key == Key::effect ? applied : 500)
+                                                          << (key == Key::position ? applied : int(Crop));
         };
         const int intMax = std::numeric_limits<int>::max();
         const int intMin = std::numeric_limits<int>::min();
-        row(autoSwitchKey, "as a string", QStringLiteral("7"), 7000);
-        row(autoSwitchKey, "as a double", 2.0, 2000);
-        row(autoSwitchKey, "zero", 0, 0);
-        row(autoSwitchKey, "non-numeric string", QStringLiteral("often"), 0);
+        row(Key::autoSwitch, "as a string", QStringLiteral("7"), 7000);
+        row(Key::autoSwitch, "as a double", 2.0, 2000);
+        row(Key::autoSwitch, "zero", 0, 0);
+        row(Key::autoSwitch, "non-numeric string", QStringLiteral("often"), 0);
         // The milliseconds are bounded to an int rather than overflowing.
-        row(autoSwitchKey, "largest that fits", 2147483, 2147483000);
-        row(autoSwitchKey, "smallest that overflows", 2147484, intMax);
-        row(autoSwitchKey, "int maximum", intMax, intMax);
-        row(autoSwitchKey, "int maximum as a string", QString::number(intMax), intMax);
-        row(autoSwitchKey, "minus three", -3, -3000);
-        row(autoSwitchKey, "int minimum", intMin, intMin);
-        row(autoSwitchKey, "smallest that underflows", -2147484, intMin);
-        row(effectKey, "as a string", QStringLiteral("300"), 300);
-        row(effectKey, "as a long long", qlonglong(250), 250);
-        row(effectKey, "zero", 0, 0);
+        row(Key::autoSwitch, "largest that fits", 2147483, 2147483000);
+        row(Key::autoSwitch, "smallest that overflows", 2147484, intMax);
+        row(Key::autoSwitch, "int maximum", intMax, intMax);
+        row(Key::autoSwitch, "int maximum as a string", QString::number(intMax), intMax);
+        row(Key::autoSwitch, "minus three", -3, -3000);
+        row(Key::autoSwitch, "int minimum", intMin, intMin);
+        row(Key::autoSwitch, "smallest that underflows", -2147484, intMin);
+        row(Key::effect, "as a string", QStringLiteral("300"), 300);
+        row(Key::effect, "as a long long", qlonglong(250), 250);
+        row(Key::effect, "zero", 0, 0);
         // Qt refuses a negative duration and keeps the one it had.
-        row(effectKey, "negative", -40, 500);
-        row(effectKey, "non-numeric string", QStringLiteral("slow"), 0);
+        row(Key::effect, "negative", -40, 500);
+        row(Key::effect, "non-numeric string", QStringLiteral("slow"), 0);
         // toInt() rounds a double.
-        row(effectKey, "fractional double", 250.7, 251);
-        row(effectKey, "empty string", QString(), 0);
-        row(effectKey, "invalid variant", QVariant(), 0);
-        row(positionKey, "stretch", 0, int(Stretch));
-        row(positionKey, "tile as a string", QStringLiteral("2"), int(Tile));
-        row(positionKey, "non-numeric string", QStringLiteral("middle"), int(Stretch));
-        row(positionKey, "out of range", 7, 7);
+        row(Key::effect, "fractional double", 250.7, 251);
+        row(Key::effect, "empty string", QString(), 0);
+        row(Key::effect, "invalid variant", QVariant(), 0);
+        row(Key::position, "stretch", 0, int(Stretch));
+        row(Key::position, "tile as a string", QStringLiteral("2"), int(Tile));
+        row(Key::position, "non-numeric string", QStringLiteral("middle"), int(Stretch));
+        row(Key::position, "out of range", 7, 7);
     }
 
     void settingsAreConverted()
@@ -346,11 +346,11 @@ private Q_SLOTS:
         const QString workingDirectory = QDir::currentPath();
         QVERIFY(QDir::setCurrent(empty.path()));
         m_recorder->clear();
-        show.setProperty(QVariantMap{{imageDirectoryKey, QString()}});
+        show.setProperty(QVariantMap{{Key::directory, QString()}});
         const bool emptyListed = waitForListing(*inspect(show).slideLabel());
         QVERIFY(QDir::setCurrent(workingDirectory));
         QVERIFY(emptyListed);
-        QCOMPARE(show.property().value(imageDirectoryKey), QVariant(QString()));
+        QCOMPARE(show.property().value(Key::directory), QVariant(QString()));
         QVERIFY(inspect(inspect(show).slideLabel()).files().isEmpty());
         QCOMPARE(m_recorder->texts(QtCriticalMsg), QStringList{TestUtils::noImagesError(QString())});
 
@@ -384,8 +384,8 @@ private Q_SLOTS:
         QVERIFY(waitForListing(*inspect(show).slideLabel()));
         TestUtils::setSlideShowDebugEnabled(true);
         m_recorder->clear();
-        QVariantMap settings{{imageDirectoryKey, m_images.path()}};
-        for (const auto &[key, value] : {std::pair(subfoldersKey, subfolders), std::pair(orderKey, order)}) {
+        QVariantMap settings{{Key::directory, m_images.path()}};
+        for (const auto &[key, value] : {std::pair(Key::includeSubfolders, subfolders), std::pair(Key::order, order)}) {
             if (value.isValid()) {
                 settings.insert(key, value);
             }
@@ -396,7 +396,7 @@ private Q_SLOTS:
         QCOMPARE(inspect(label).includesSubfolders(), expectedSubfolders);
         QCOMPARE(int(inspect(label).showOrder()), expectedOrder);
         QCOMPARE(m_recorder->count(TestUtils::logText(LogText::listed, 3)), 1);
-        QCOMPARE(show.property().value(subfoldersKey), subfolders.isValid() ? subfolders : QVariant(false));
+        QCOMPARE(show.property().value(Key::includeSubfolders), subfolders.isValid() ? subfolders : QVariant(false));
     }
 
     // Logged before being applied, as one map merged with the defaults; not with the default rules.
@@ -415,7 +415,7 @@ private Q_SLOTS:
 
         // A host that passes some keys: the others, the later two too, at their defaults.
         m_recorder->clear();
-        const QVariantMap settings{{imageDirectoryKey, m_images.path()}, {effectKey, 200}, {positionKey, 2}};
+        const QVariantMap settings{{Key::directory, m_images.path()}, {Key::effect, 200}, {Key::position, 2}};
         show.setProperty(settings);
         QVariantMap merged = expectedDefaults();
         merged.insert(settings);

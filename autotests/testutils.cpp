@@ -159,10 +159,10 @@ QString noImagesError(const QString &folder)
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position)
 {
     return QVariantMap{
-        {QStringLiteral("ImageDirectory"), directory},
-        {QStringLiteral("AutoSwitch"), autoSwitch},
-        {QStringLiteral("Effect"), effect},
-        {QStringLiteral("Position"), position},
+        {Key::directory, directory},
+        {Key::autoSwitch, autoSwitch},
+        {Key::effect, effect},
+        {Key::position, position},
     };
 }
 

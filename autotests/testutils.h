@@ -123,6 +123,18 @@ QString loadWarning(const QString &path);
 // The error the label logs for a folder without images.
 QString noImagesError(const QString &folder);
 
+// The settings' keys, as hosts store them: the four of every host, then
+// the two that only this show's dialog writes.
+namespace Key
+{
+inline const QString directory = QStringLiteral("ImageDirectory");
+inline const QString autoSwitch = QStringLiteral("AutoSwitch");
+inline const QString effect = QStringLiteral("Effect");
+inline const QString position = QStringLiteral("Position");
+inline const QString includeSubfolders = QStringLiteral("IncludeSubfolders");
+inline const QString order = QStringLiteral("Order");
+}
+
 // A settings map with the four keys.
 QVariantMap settingsMap(const QString &directory, int autoSwitch, int effect, int position);
 
