@@ -168,6 +168,8 @@ private:
     QTimer *m_settle = nullptr;
 };
 
+int SlideFolder::missingRetry = 30000;
+
 SlideFolder::SlideFolder(Listed listed, QObject *parent)
     : QObject(parent)
     , m_listed(std::move(listed))
