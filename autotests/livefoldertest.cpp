@@ -22,6 +22,8 @@
 
 #include <thread>
 
+#include <unistd.h>
+
 using namespace Dm::ScreenSaver;
 using namespace SlideLabelTest;
 using TestUtils::FuseFolder;
@@ -172,9 +174,18 @@ private Q_SLOTS:
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
         writeLetters(dir.path(), "a");
+        // Hard links of a few empty files (ext4 allows 65,000 links to one):
+        // a hundred thousand files made in a moment.
+        const QByteArray stem = QFile::encodeName(QDir(dir.path()).filePath(QStringLiteral("x")));
+        QByteArray base;
         for (int i = 1; i <= 100000; ++i) {
-            QFile empty(QDir(dir.path()).filePath(QStringLiteral("x%1.jpg").arg(i, 6, 10, QLatin1Char('0'))));
-            QVERIFY(empty.open(QIODevice::WriteOnly));
+            const QByteArray name = stem + QByteArray::number(i).rightJustified(6, '0') + ".jpg";
+            if (i % 50000 == 1) {
+                base = name;
+                QVERIFY(QFile(QFile::decodeName(base)).open(QIODevice::WriteOnly));
+            } else {
+                QCOMPARE(::link(base.constData(), name.constData()), 0);
+            }
         }
         LogRecorder log;
         ShowHost host;
