@@ -63,6 +63,15 @@ qint64 bytesOf(const QList<QPixmap> &pixmaps)
     return bytes;
 }
 
+// Frees pixmaps that left the cache, outside the worker's lock, and hands
+// the memory back where that was a large block.
+void release(QList<QPixmap> *pixmaps)
+{
+    const qint64 freed = bytesOf(*pixmaps);
+    pixmaps->clear();
+    returnFreeMemory(freed);
+}
+
 // Qt ends the process when a pixmap is made, even a null one or a copy,
 // once the application object is gone; a worker still preparing as the
 // application goes would do that. So the preparations pass a gate that the
@@ -318,11 +327,8 @@ void ImageCacheWorker::processImageInternal(const QString &path, const QRect &sc
             }
         }
     }
-    // Freed here, outside the lock.
-    const qint64 freedForRoom = bytesOf(roomPixmaps);
-    roomPixmaps.clear();
+    release(&roomPixmaps);
     logEvictions(roomEvicted, roomSizes);
-    returnFreeMemory(freedForRoom);
     switch (start) {
     case Start::Outdated:
         qCDebug(slideShowLog) << "ImageCacheWorker: the request was made before the cache was cleaned, skipped without processing:" << key;
@@ -491,10 +497,7 @@ void ImageCacheWorker::forgetImages(const QStringList &paths)
             preparationUnwanted.store(true);
         }
     }
-    // The pixmaps are freed here, outside the lock.
-    const qint64 freed = bytesOf(dropped);
-    dropped.clear();
-    returnFreeMemory(freed);
+    release(&dropped);
 }
 
 void ImageCacheWorker::evictLocked(QStringList *evicted, QList<int> *sizesAfterEviction, QList<QPixmap> *pixmaps, int room)
@@ -572,10 +575,8 @@ void ImageCacheWorker::setCacheCapacity(int entries)
         cacheCapacity = qBound(1, entries, int(maxCacheSize));
         evictLocked(&evicted, &sizesAfterEviction, &evictedPixmaps);
     }
-    const qint64 freed = bytesOf(evictedPixmaps);
-    evictedPixmaps.clear();
+    release(&evictedPixmaps);
     logEvictions(evicted, sizesAfterEviction);
-    returnFreeMemory(freed);
 }
 
 void ImageCacheWorker::stopPreparing()

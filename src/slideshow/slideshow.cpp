@@ -31,10 +31,9 @@ class SlideShow::Private
 public:
     // No Qt parent: it belongs to this record and goes with it.
     QTimer timer;
-    // Started at a switch whose slide is not ready yet: the fade waits for
+    // Running from a switch whose slide is not ready yet: the fade waits for
     // the slide at most one interval, then starts anyway.
     QTimer slideWait;
-    bool waitingForSlide = false;
     QVariantAnimation *animation = nullptr;
     SlideLabel *label = nullptr;
     QVariantMap property;
@@ -99,7 +98,7 @@ SlideShow::SlideShow(QWidget *parent)
     });
     connect(&d->timer, &QTimer::timeout, this, &SlideShow::updateSlide);
     connect(d->label, &SlideLabel::currentSlideReady, this, [this]() {
-        if (d->waitingForSlide) {
+        if (d->slideWait.isActive()) {
             startFade();
         }
     });
@@ -125,7 +124,6 @@ void SlideShow::stop()
     d->animation->stop();
     d->timer.stop();
     d->slideWait.stop();
-    d->waitingForSlide = false;
 }
 
 QString SlideShow::name()
@@ -195,13 +193,11 @@ void SlideShow::updateSlide()
     // A slow file, or the first switches at 4K: the fade would run towards
     // nothing and the slide pop in later. Until it comes the previous slide
     // stays at full weight.
-    d->waitingForSlide = true;
     d->slideWait.start(qMax(0, d->timer.interval()));
 }
 
 void SlideShow::startFade()
 {
-    d->waitingForSlide = false;
     d->slideWait.stop();
     d->animation->start(QAbstractAnimation::KeepWhenStopped);
     // The animation reports only values that differ from its last one. With a
